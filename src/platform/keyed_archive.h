@@ -1,0 +1,127 @@
+// Keyed archives in Apple's NSKeyedArchiver format ("$archiver" NSKeyedArchiver, "$version" 100000,
+// "$top" {"root": UID}, "$objects" starting with "$null", class records with "$classname"/"$classes").
+//
+// Records of our own classes derive from Record and write and read themselves through the keyed coder
+// API (object, int64, bool, double for a key), like NSCoding. Decoding is not secure coding: whatever
+// object lies under a key is taken, and an archived class that no one registered decodes as a
+// GenericRecord that keeps its class names and keys.
+//
+// Any depth: neither archiving nor unarchiving recurses as deep as the object graph. Shared objects
+// and cycles are written once and restored as one object.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <span>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <vector>
+
+#include "platform/object.h"
+#include "platform/result.h"
+#include "platform/value.h"
+
+namespace orvia {
+
+class KeyedEncoder {
+ public:
+  virtual ~KeyedEncoder() = default;
+  // nil is written as the null reference (UID 0).
+  virtual void encode_object(std::string_view key, const Object* obj) = 0;
+  void encode_object(std::string_view key, const Ref<Object>& obj) { encode_object(key, obj.get()); }
+  virtual void encode_int64(std::string_view key, std::int64_t value) = 0;
+  virtual void encode_bool(std::string_view key, bool value) = 0;
+  virtual void encode_double(std::string_view key, double value) = 0;
+};
+
+class KeyedDecoder {
+ public:
+  virtual ~KeyedDecoder() = default;
+  // The object under the key: nil when absent or the null reference. An inline scalar under the key
+  // (an integer, real, boolean, string, data or date written in place) is taken as that value object.
+  // The object may still be being filled when it belongs to a cycle or lies very deep.
+  virtual Ref<Object> decode_object(std::string_view key) = 0;
+  // 0 / NO / 0.0 when absent; a number object under the key gives its value.
+  virtual std::int64_t decode_int64(std::string_view key) = 0;
+  virtual bool decode_bool(std::string_view key) = 0;
+  virtual double decode_double(std::string_view key) = 0;
+  virtual bool contains_key(std::string_view key) = 0;
+};
+
+// An archivable object of a class of our own.
+class Record : public Object {
+ public:
+  // Own class first, then its superclasses, ending in "NSObject", as "$classes" lists them.
+  virtual std::span<const std::string_view> class_chain() const = 0;
+  std::string_view class_name() const override { return class_chain().front(); }
+  virtual void encode_with_coder(KeyedEncoder& coder) const = 0;
+  // Called on a plainly created object.
+  virtual void init_with_coder(KeyedDecoder& coder) = 0;
+
+ protected:
+  Record() : Object(ObjectKind::Record, true) {}
+};
+
+// An object of a class that no one registered: keeps its class names and every key in archived order.
+class GenericRecord final : public Record {
+ public:
+  struct Field {
+    std::string key;
+    Ref<Object> value;   // the value, or nil for the null reference
+    bool is_inline;      // written in place (a scalar) rather than as an object reference
+  };
+  GenericRecord(std::vector<std::string> chain);
+  std::span<const std::string_view> class_chain() const override { return chain_views_; }
+  void encode_with_coder(KeyedEncoder& coder) const override;
+  void init_with_coder(KeyedDecoder& coder) override;
+
+  const std::vector<Field>& fields() const { return fields_; }
+  std::vector<Field>& mutable_fields() { return fields_; }
+  Object* get(std::string_view key) const;
+
+ protected:
+  void drop_refs() override { std::vector<Field>().swap(fields_); }
+
+ private:
+  friend class KeyedUnarchiverImpl;
+  std::vector<std::string> chain_;
+  std::vector<std::string_view> chain_views_;
+  std::vector<Field> fields_;
+};
+
+// Maps archived class names to factories that make a plain instance.
+class ClassRegistry {
+ public:
+  using Factory = Ref<Record> (*)();
+  // The process-wide registry; modules add their classes through their own registration function.
+  static ClassRegistry& shared();
+  void add(std::string_view class_name, Factory factory);
+  Factory find(std::string_view class_name) const;
+
+ private:
+  std::unordered_map<std::string, Factory> factories_;
+};
+
+struct ArchiveOptions {
+  // Key of the root in "$top" ("root" for archivedDataWithRootObject:).
+  std::string_view top_key = "root";
+};
+
+// archivedDataWithRootObject: the bytes of a binary keyed archive whose root is `root` (nil allowed).
+std::string archive_root(const Object* root, const ArchiveOptions& options = {});
+inline std::string archive_root(const Ref<Object>& root) { return archive_root(root.get()); }
+
+// unarchiveObjectWithData: the root object (nil for an archive of nil), or an error for bytes that are
+// not a well-formed keyed archive. Accepts binary and XML property lists.
+Result<Ref<Object>> unarchive(std::string_view bytes, const ClassRegistry& registry = ClassRegistry::shared());
+
+// All top-level objects of "$top" (for archives written with other top keys), in archived order.
+Result<std::vector<std::pair<std::string, Ref<Object>>>> unarchive_top(
+    std::string_view bytes, const ClassRegistry& registry = ClassRegistry::shared());
+
+// Deep copy through an archive round trip (copyWithZone: of the records).
+Ref<Object> copy_through_archive(const Object* obj, const ClassRegistry& registry = ClassRegistry::shared());
+
+}  // namespace orvia
