@@ -59,6 +59,8 @@ class Record : public Object {
   virtual void encode_with_coder(KeyedEncoder& coder) const = 0;
   // Called on a plainly created object.
   virtual void init_with_coder(KeyedDecoder& coder) = 0;
+  // The text "%@" prints; "<ClassName: 0x55d0c0a0>" unless the class gives its own (description.cc).
+  virtual std::string description() const;
 
  protected:
   Record() : Object(ObjectKind::Record, true) {}
