@@ -63,6 +63,7 @@ class Date final : public Object {
   explicit Date(double since_2001) : Object(ObjectKind::Date), time_(since_2001) {}
   std::string_view class_name() const override { return "NSDate"; }
   double time() const { return time_; }
+  void set_time(double since_2001) { time_ = since_2001; }
 
  private:
   double time_;
@@ -74,6 +75,7 @@ class Data final : public Object {
       : Object(ObjectKind::Data), bytes_(std::move(bytes)), mutable_(is_mutable) {}
   std::string_view class_name() const override { return mutable_ ? "NSMutableData" : "NSData"; }
   const std::string& bytes() const { return bytes_; }
+  std::string& mutable_bytes() { return bytes_; }
   bool is_mutable() const { return mutable_; }
 
  private:

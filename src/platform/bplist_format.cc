@@ -1,0 +1,511 @@
+#include "platform/bplist_format.h"
+
+#include <cstring>
+#include <limits>
+
+#include <fmt/format.h>
+
+namespace orvia::bplist {
+namespace {
+
+constexpr std::size_t kTrailer = 32;
+
+inline std::uint64_t be(const unsigned char* p, unsigned n) {
+  std::uint64_t v = 0;
+  for (unsigned i = 0; i < n; ++i) v = (v << 8) | p[i];
+  return v;
+}
+
+inline double bits_to_double(std::uint64_t b) {
+  double d;
+  std::memcpy(&d, &b, sizeof d);
+  return d;
+}
+inline std::uint64_t double_to_bits(double d) {
+  std::uint64_t b;
+  std::memcpy(&b, &d, sizeof b);
+  return b;
+}
+
+void put_be(std::string& out, std::uint64_t v, unsigned n) {
+  char buf[8];
+  for (unsigned i = 0; i < n; ++i) buf[n - 1 - i] = static_cast<char>((v >> (8 * i)) & 0xff);
+  out.append(buf, n);
+}
+
+unsigned size_for(std::uint64_t max_value) {
+  if (max_value <= 0xff) return 1;
+  if (max_value <= 0xffff) return 2;
+  if (max_value <= 0xffffffffull) return 4;
+  return 8;
+}
+
+void append_utf8(std::string& out, std::uint32_t cp) {
+  if (cp < 0x80) {
+    out.push_back(static_cast<char>(cp));
+  } else if (cp < 0x800) {
+    out.push_back(static_cast<char>(0xc0 | (cp >> 6)));
+    out.push_back(static_cast<char>(0x80 | (cp & 0x3f)));
+  } else if (cp < 0x10000) {
+    out.push_back(static_cast<char>(0xe0 | (cp >> 12)));
+    out.push_back(static_cast<char>(0x80 | ((cp >> 6) & 0x3f)));
+    out.push_back(static_cast<char>(0x80 | (cp & 0x3f)));
+  } else {
+    out.push_back(static_cast<char>(0xf0 | (cp >> 18)));
+    out.push_back(static_cast<char>(0x80 | ((cp >> 12) & 0x3f)));
+    out.push_back(static_cast<char>(0x80 | ((cp >> 6) & 0x3f)));
+    out.push_back(static_cast<char>(0x80 | (cp & 0x3f)));
+  }
+}
+
+}  // namespace
+
+void utf16be_to_utf8(std::string_view be16, std::string& out) {
+  const auto* p = reinterpret_cast<const unsigned char*>(be16.data());
+  std::size_t n = be16.size() / 2;
+  out.reserve(out.size() + n);
+  for (std::size_t i = 0; i < n; ++i) {
+    std::uint32_t u = (p[2 * i] << 8) | p[2 * i + 1];
+    if (u >= 0xd800 && u <= 0xdbff && i + 1 < n) {
+      std::uint32_t lo = (p[2 * i + 2] << 8) | p[2 * i + 3];
+      if (lo >= 0xdc00 && lo <= 0xdfff) {
+        append_utf8(out, 0x10000 + ((u - 0xd800) << 10) + (lo - 0xdc00));
+        ++i;
+        continue;
+      }
+    }
+    if (u >= 0xd800 && u <= 0xdfff) u = 0xfffd;
+    append_utf8(out, u);
+  }
+}
+
+bool utf8_to_utf16be(std::string_view s, std::string& out, std::uint64_t& units) {
+  std::size_t i = 0;
+  while (i < s.size() && static_cast<unsigned char>(s[i]) < 0x80) ++i;
+  if (i == s.size()) return false;
+  units = 0;
+  auto put = [&](std::uint32_t u) {
+    out.push_back(static_cast<char>(u >> 8));
+    out.push_back(static_cast<char>(u & 0xff));
+    ++units;
+  };
+  for (i = 0; i < s.size();) {
+    unsigned char c = static_cast<unsigned char>(s[i]);
+    std::uint32_t cp;
+    std::size_t len;
+    if (c < 0x80) {
+      cp = c, len = 1;
+    } else if ((c >> 5) == 6 && i + 1 < s.size()) {
+      cp = ((c & 0x1f) << 6) | (s[i + 1] & 0x3f), len = 2;
+    } else if ((c >> 4) == 14 && i + 2 < s.size()) {
+      cp = ((c & 0x0f) << 12) | ((s[i + 1] & 0x3f) << 6) | (s[i + 2] & 0x3f), len = 3;
+    } else if ((c >> 3) == 30 && i + 3 < s.size()) {
+      cp = ((c & 0x07) << 18) | ((s[i + 1] & 0x3f) << 12) | ((s[i + 2] & 0x3f) << 6) | (s[i + 3] & 0x3f), len = 4;
+    } else {
+      cp = 0xfffd, len = 1;  // invalid UTF-8 byte
+    }
+    i += len;
+    if (cp >= 0x10000) {
+      cp -= 0x10000;
+      put(0xd800 + (cp >> 10));
+      put(0xdc00 + (cp & 0x3ff));
+    } else {
+      put(cp);
+    }
+  }
+  return true;
+}
+
+// ---------------------------------------------------------------------------------------------------
+// View
+
+Result<View> View::open(std::string_view bytes) {
+  if (bytes.size() < 8 + 1 + kTrailer) return Error{"bplist: file too short"};
+  if (bytes.substr(0, 6) != "bplist") return Error{"bplist: missing bplist magic"};
+  const auto* t = reinterpret_cast<const unsigned char*>(bytes.data() + bytes.size() - kTrailer);
+  View v;
+  v.bytes_ = bytes;
+  v.offset_size_ = t[6];
+  v.ref_size_ = t[7];
+  v.num_objects_ = be(t + 8, 8);
+  v.top_ = be(t + 16, 8);
+  v.table_ = be(t + 24, 8);
+  auto valid_size = [](unsigned s) { return s == 1 || s == 2 || s == 4 || s == 8; };
+  if (!valid_size(v.offset_size_)) return Error{fmt::format("bplist: offset size {} invalid", v.offset_size_)};
+  if (!valid_size(v.ref_size_)) return Error{fmt::format("bplist: reference size {} invalid", v.ref_size_)};
+  if (v.num_objects_ < 1) return Error{"bplist: no objects"};
+  if (v.top_ >= v.num_objects_) return Error{"bplist: top object beyond the object count"};
+  std::uint64_t limit = bytes.size() - kTrailer;
+  if (v.table_ < 9 || v.table_ > limit) return Error{"bplist: offset table outside the file"};
+  if (v.num_objects_ > (limit - v.table_) / v.offset_size_) return Error{"bplist: object count exceeds the offset table"};
+  if (v.ref_size_ < 8 && v.num_objects_ - 1 > (1ull << (8 * v.ref_size_)) - 1)
+    return Error{"bplist: reference size too small for the object count"};
+  v.object_end_ = v.table_;
+  for (std::uint64_t i = 0; i < v.num_objects_; ++i) {
+    std::uint64_t o = v.offset(i);
+    if (o < 8 || o >= v.object_end_) return Error{fmt::format("bplist: offset of object {} outside the object area", i)};
+  }
+  return v;
+}
+
+std::uint64_t View::offset(std::uint64_t index) const {
+  const auto* p = reinterpret_cast<const unsigned char*>(bytes_.data() + table_ + index * offset_size_);
+  return be(p, offset_size_);
+}
+
+Result<Item> View::item(std::uint64_t index) const {
+  if (index >= num_objects_) return Error{fmt::format("bplist: reference {} beyond the object count", index)};
+  std::uint64_t o = offset(index);
+  const auto* b = reinterpret_cast<const unsigned char*>(bytes_.data());
+  const std::uint64_t end = object_end_;
+  unsigned marker = b[o];
+  unsigned hi = marker >> 4, lo = marker & 0xf;
+  Item it{};
+  auto need = [&](std::uint64_t from, std::uint64_t n) { return from <= end && n <= end - from; };
+  auto read_count = [&](std::uint64_t& pos) -> bool {
+    if (lo != 0xf) {
+      it.count = lo;
+      pos = o + 1;
+      return true;
+    }
+    if (!need(o + 1, 1)) return false;
+    unsigned m = b[o + 1];
+    if ((m >> 4) != 1 || (m & 0xf) > 3) return false;
+    unsigned n = 1u << (m & 0xf);
+    if (!need(o + 2, n)) return false;
+    it.count = be(b + o + 2, n);
+    pos = o + 2 + n;
+    return true;
+  };
+  switch (hi) {
+    case 0x0:
+      if (marker == 0x00) {
+        it.type = Type::Null;
+      } else if (marker == 0x08 || marker == 0x09) {
+        it.type = Type::Bool;
+        it.flag = marker == 0x09;
+      } else {
+        return Error{fmt::format("bplist: object {} has unknown marker 0x{:02x}", index, marker)};
+      }
+      return it;
+    case 0x1: {
+      if (lo > 4) return Error{fmt::format("bplist: object {} integer of 2^{} bytes", index, lo)};
+      unsigned n = 1u << lo;
+      if (!need(o + 1, n)) return Error{fmt::format("bplist: object {} integer truncated", index)};
+      it.type = Type::Int;
+      it.pos = o + 1;
+      if (n == 16) {
+        it.flag = true;
+        it.scalar = be(b + o + 9, 8);
+      } else {
+        it.scalar = be(b + o + 1, n);
+      }
+      return it;
+    }
+    case 0x2: {
+      if (lo != 2 && lo != 3) return Error{fmt::format("bplist: object {} real of 2^{} bytes", index, lo)};
+      unsigned n = 1u << lo;
+      if (!need(o + 1, n)) return Error{fmt::format("bplist: object {} real truncated", index)};
+      it.type = Type::Real;
+      if (n == 4) {
+        std::uint32_t f32 = static_cast<std::uint32_t>(be(b + o + 1, 4));
+        float f;
+        std::memcpy(&f, &f32, 4);
+        it.scalar = double_to_bits(static_cast<double>(f));
+        it.flag = true;
+      } else {
+        it.scalar = be(b + o + 1, 8);
+      }
+      return it;
+    }
+    case 0x3:
+      if (marker != 0x33 || !need(o + 1, 8)) return Error{fmt::format("bplist: object {} bad date", index)};
+      it.type = Type::Date;
+      it.scalar = be(b + o + 1, 8);
+      return it;
+    case 0x4:
+    case 0x5:
+    case 0x6:
+    case 0x7: {
+      std::uint64_t pos;
+      if (!read_count(pos)) return Error{fmt::format("bplist: object {} has a bad count", index)};
+      std::uint64_t unit = hi == 0x6 ? 2 : 1;
+      if (it.count > end || !need(pos, it.count * unit))
+        return Error{fmt::format("bplist: object {} runs past the object area", index)};
+      it.type = hi == 0x4 ? Type::Data : hi == 0x5 ? Type::AsciiString : hi == 0x6 ? Type::Utf16String : Type::Utf8String;
+      it.pos = pos;
+      return it;
+    }
+    case 0x8: {
+      unsigned n = lo + 1;
+      if (!need(o + 1, n)) return Error{fmt::format("bplist: object {} UID truncated", index)};
+      it.type = Type::Uid;
+      it.scalar = be(b + o + 1, n > 8 ? 8 : n);
+      return it;
+    }
+    case 0xA:
+    case 0xC:
+    case 0xD: {
+      std::uint64_t pos;
+      if (!read_count(pos)) return Error{fmt::format("bplist: object {} has a bad count", index)};
+      std::uint64_t per = hi == 0xD ? 2ull * ref_size_ : ref_size_;
+      if (it.count > end || !need(pos, it.count * per))
+        return Error{fmt::format("bplist: object {} runs past the object area", index)};
+      it.type = hi == 0xA ? Type::Array : hi == 0xC ? Type::Set : Type::Dict;
+      it.pos = pos;
+      return it;
+    }
+    default:
+      return Error{fmt::format("bplist: object {} has unknown marker 0x{:02x}", index, marker)};
+  }
+}
+
+std::uint64_t View::ref_unchecked(const Item& c, std::uint64_t i) const {
+  return be(reinterpret_cast<const unsigned char*>(bytes_.data() + c.pos + i * ref_size_), ref_size_);
+}
+
+Result<std::uint64_t> View::ref(const Item& c, std::uint64_t i) const {
+  std::uint64_t r = ref_unchecked(c, i);
+  if (r >= num_objects_) return Error{fmt::format("bplist: reference {} beyond the object count", r)};
+  return r;
+}
+
+std::string View::text(const Item& it) const {
+  std::string out;
+  std::string_view raw_bytes = raw(it);
+  switch (it.type) {
+    case Type::AsciiString:
+      out.reserve(raw_bytes.size());
+      for (unsigned char c : raw_bytes) append_utf8(out, c);
+      break;
+    case Type::Utf16String:
+      utf16be_to_utf8(raw_bytes, out);
+      break;
+    case Type::Utf8String:
+      out.assign(raw_bytes);
+      break;
+    default:
+      break;
+  }
+  return out;
+}
+
+bool View::text_equals(const Item& it, std::string_view s) const {
+  if (it.type == Type::AsciiString || it.type == Type::Utf8String) {
+    std::string_view r = raw(it);
+    if (r == s) {
+      if (it.type == Type::Utf8String) return true;
+      for (unsigned char c : r)
+        if (c >= 0x80) return false;
+      return true;
+    }
+    return false;
+  }
+  if (it.type == Type::Utf16String) return text(it) == s;
+  return false;
+}
+
+double View::real(const Item& it) const { return bits_to_double(it.scalar); }
+
+// ---------------------------------------------------------------------------------------------------
+// Builder
+
+Builder::Builder() { objects_.reserve(64); }
+
+std::uint32_t Builder::push(Obj o) {
+  objects_.push_back(o);
+  return static_cast<std::uint32_t>(objects_.size() - 1);
+}
+
+std::uint32_t Builder::reserve() { return push(Obj{static_cast<std::uint8_t>(Type::Null), 0, 0, 0}); }
+
+std::uint32_t Builder::add_string(std::string_view s) {
+  auto [it, inserted] = strings_.try_emplace(s, 0);
+  if (!inserted) return it->second;
+  bool ascii = true;
+  for (unsigned char c : s)
+    if (c >= 0x80) {
+      ascii = false;
+      break;
+    }
+  views_.push_back(s);
+  it->second = push(Obj{static_cast<std::uint8_t>(Type::Utf8String), static_cast<std::uint8_t>(ascii), 0, views_.size() - 1});
+  return it->second;
+}
+
+std::uint32_t Builder::add_data(std::string_view d) {
+  auto [it, inserted] = datas_.try_emplace(d, 0);
+  if (!inserted) return it->second;
+  views_.push_back(d);
+  it->second = push(Obj{static_cast<std::uint8_t>(Type::Data), 0, 0, views_.size() - 1});
+  return it->second;
+}
+
+std::uint32_t Builder::add_int(std::int64_t v) {
+  auto [it, inserted] = ints_.try_emplace(static_cast<std::uint64_t>(v), 0);
+  if (inserted) it->second = push(Obj{static_cast<std::uint8_t>(Type::Int), 0, 0, static_cast<std::uint64_t>(v)});
+  return it->second;
+}
+
+std::uint32_t Builder::add_uint(std::uint64_t v) {
+  if (v <= static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max())) return add_int(static_cast<std::int64_t>(v));
+  auto [it, inserted] = uints_.try_emplace(v, 0);
+  if (inserted) it->second = push(Obj{static_cast<std::uint8_t>(Type::Int), 1, 0, v});
+  return it->second;
+}
+
+std::uint32_t Builder::add_real(double v) {
+  auto [it, inserted] = reals_.try_emplace(double_to_bits(v), 0);
+  if (inserted) it->second = push(Obj{static_cast<std::uint8_t>(Type::Real), 0, 0, double_to_bits(v)});
+  return it->second;
+}
+
+std::uint32_t Builder::add_date(double v) {
+  auto [it, inserted] = dates_.try_emplace(double_to_bits(v), 0);
+  if (inserted) it->second = push(Obj{static_cast<std::uint8_t>(Type::Date), 0, 0, double_to_bits(v)});
+  return it->second;
+}
+
+std::uint32_t Builder::add_bool(bool v) {
+  std::uint32_t& slot = bools_[v ? 1 : 0];
+  if (!slot) slot = push(Obj{static_cast<std::uint8_t>(Type::Bool), static_cast<std::uint8_t>(v), 0, 0}) + 1;
+  return slot - 1;
+}
+
+std::uint32_t Builder::add_null() {
+  if (!null_) null_ = push(Obj{static_cast<std::uint8_t>(Type::Null), 0, 0, 0}) + 1;
+  return null_ - 1;
+}
+
+std::uint32_t Builder::add_uid(std::uint64_t v) {
+  if (v < (1u << 26)) {
+    if (uids_.size() <= v) uids_.resize(std::max<std::size_t>(v + 1, uids_.size() * 2), 0);
+    if (!uids_[v]) uids_[v] = push(Obj{static_cast<std::uint8_t>(Type::Uid), 0, 0, v}) + 1;
+    return uids_[v] - 1;
+  }
+  return push(Obj{static_cast<std::uint8_t>(Type::Uid), 0, 0, v});
+}
+
+void Builder::set_array(std::uint32_t index, const std::uint32_t* refs, std::size_t n, bool is_set) {
+  Obj& o = objects_[index];
+  o.type = static_cast<std::uint8_t>(is_set ? Type::Set : Type::Array);
+  o.aux = static_cast<std::uint32_t>(refs_.size());
+  o.a = n;
+  refs_.insert(refs_.end(), refs, refs + n);
+}
+
+void Builder::set_dict(std::uint32_t index, const std::uint32_t* keys, const std::uint32_t* values, std::size_t n) {
+  Obj& o = objects_[index];
+  o.type = static_cast<std::uint8_t>(Type::Dict);
+  o.aux = static_cast<std::uint32_t>(refs_.size());
+  o.a = n;
+  refs_.insert(refs_.end(), keys, keys + n);
+  refs_.insert(refs_.end(), values, values + n);
+}
+
+std::string Builder::write(std::uint32_t top) const {
+  const std::uint64_t count = objects_.size();
+  // As Apple's reader demands: the reference size must hold the object count itself.
+  const unsigned ref_size = size_for(count);
+  std::string out;
+  out.reserve(64 + count * 8 + refs_.size() * ref_size);
+  out.append("bplist00");
+  std::vector<std::uint64_t> offsets(count);
+  std::string utf16;
+
+  auto put_marker_count = [&](unsigned hi, std::uint64_t n) {
+    if (n < 15) {
+      out.push_back(static_cast<char>((hi << 4) | n));
+    } else {
+      out.push_back(static_cast<char>((hi << 4) | 0xf));
+      unsigned s = size_for(n);
+      unsigned lg = s == 1 ? 0 : s == 2 ? 1 : s == 4 ? 2 : 3;
+      out.push_back(static_cast<char>(0x10 | lg));
+      put_be(out, n, s);
+    }
+  };
+
+  for (std::uint64_t i = 0; i < count; ++i) {
+    offsets[i] = out.size();
+    const Obj& o = objects_[i];
+    switch (static_cast<Type>(o.type)) {
+      case Type::Null:
+        out.push_back(0x00);
+        break;
+      case Type::Bool:
+        out.push_back(o.flag ? 0x09 : 0x08);
+        break;
+      case Type::Int:
+        if (o.flag) {  // unsigned beyond the signed range: 16 bytes, high half zero
+          out.push_back(0x14);
+          put_be(out, 0, 8);
+          put_be(out, o.a, 8);
+        } else if (static_cast<std::int64_t>(o.a) < 0) {
+          out.push_back(0x13);
+          put_be(out, o.a, 8);
+        } else {
+          unsigned s = size_for(o.a);
+          out.push_back(static_cast<char>(0x10 | (s == 1 ? 0 : s == 2 ? 1 : s == 4 ? 2 : 3)));
+          put_be(out, o.a, s);
+        }
+        break;
+      case Type::Real:
+        out.push_back(0x23);
+        put_be(out, o.a, 8);
+        break;
+      case Type::Date:
+        out.push_back(0x33);
+        put_be(out, o.a, 8);
+        break;
+      case Type::Data: {
+        std::string_view d = views_[o.a];
+        put_marker_count(0x4, d.size());
+        out.append(d);
+        break;
+      }
+      case Type::Utf8String:
+      case Type::AsciiString:
+      case Type::Utf16String: {
+        std::string_view s = views_[o.a];
+        if (o.flag) {
+          put_marker_count(0x5, s.size());
+          out.append(s);
+        } else {
+          utf16.clear();
+          std::uint64_t units = 0;
+          utf8_to_utf16be(s, utf16, units);
+          put_marker_count(0x6, units);
+          out.append(utf16);
+        }
+        break;
+      }
+      case Type::Uid: {
+        unsigned s = size_for(o.a);
+        out.push_back(static_cast<char>(0x80 | (s - 1)));
+        put_be(out, o.a, s);
+        break;
+      }
+      case Type::Array:
+      case Type::Set:
+      case Type::Dict: {
+        Type t = static_cast<Type>(o.type);
+        put_marker_count(t == Type::Array ? 0xA : t == Type::Set ? 0xC : 0xD, o.a);
+        std::uint64_t n = t == Type::Dict ? 2 * o.a : o.a;
+        for (std::uint64_t k = 0; k < n; ++k) put_be(out, refs_[o.aux + k], ref_size);
+        break;
+      }
+    }
+  }
+  const std::uint64_t table = out.size();
+  const unsigned offset_size = size_for(table);
+  for (std::uint64_t off : offsets) put_be(out, off, offset_size);
+  out.append(6, '\0');
+  out.push_back(static_cast<char>(offset_size));
+  out.push_back(static_cast<char>(ref_size));
+  put_be(out, count, 8);
+  put_be(out, top, 8);
+  put_be(out, table, 8);
+  return out;
+}
+
+}  // namespace orvia::bplist

@@ -1,0 +1,117 @@
+// The bplist00 layout, shared by the property-list codec and the keyed archiver.
+//
+//   "bplist00" | objects | offset table | trailer (32 bytes)
+//   trailer: 6 unused bytes, offsetIntSize, objectRefSize, numObjects (u64 BE), topObject (u64 BE),
+//            offsetTableOffset (u64 BE)
+//   markers: 0x00 null, 0x08 false, 0x09 true, 0x1n integer of 2^n bytes (1-4 bytes unsigned, 8 signed,
+//            16 = the low 8 of a 128-bit value), 0x22/0x23 real of 4/8 bytes, 0x33 date (8-byte real,
+//            seconds since 2001), 0x4n data, 0x5n ASCII string, 0x6n UTF-16BE string (count in units),
+//            0x7n UTF-8 string, 0x8n UID of n+1 bytes, 0xAn array, 0xCn set, 0xDn dictionary (key refs,
+//            then value refs). A count of 15 or more: low nibble 0xF, then an integer object.
+//
+// BPlistView reads objects in place without building anything; every offset, count and reference is
+// checked against the buffer when it is read. BPlistBuilder numbers objects as they are added and
+// writes them with the smallest offset and reference sizes the counts allow.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <vector>
+
+#include "platform/result.h"
+
+namespace orvia::bplist {
+
+enum class Type : std::uint8_t { Null, Bool, Int, Real, Date, Data, AsciiString, Utf16String, Utf8String, Uid, Array, Set, Dict };
+
+struct Item {
+  Type type;
+  bool flag = false;         // Bool: the value; Int: true when 16-byte; Real: true when 4-byte float
+  std::uint64_t count = 0;   // Data/strings: bytes or UTF-16 units; containers: entries (dict: pairs)
+  std::uint64_t pos = 0;     // where the payload starts
+  std::uint64_t scalar = 0;  // Int: the value's bits (two's complement); Uid: the value; Real/Date: double bits
+};
+
+class View {
+ public:
+  // Checks the header, the trailer and every entry of the offset table.
+  static Result<View> open(std::string_view bytes);
+
+  std::uint64_t size() const { return num_objects_; }
+  std::uint64_t top() const { return top_; }
+  std::string_view bytes() const { return bytes_; }
+
+  // Parses the object's marker and checks that its payload lies inside the object area.
+  Result<Item> item(std::uint64_t index) const;
+  // The i-th reference of a container's payload (dict: keys are 0..count-1, values count..2count-1).
+  // Checked: a reference beyond the object count is an error.
+  Result<std::uint64_t> ref(const Item& container, std::uint64_t i) const;
+  // Unchecked variant for callers that validated the object count against every reference already.
+  std::uint64_t ref_unchecked(const Item& container, std::uint64_t i) const;
+
+  std::string_view raw(const Item& it) const {  // payload bytes of Data and strings
+    std::uint64_t unit = it.type == Type::Utf16String ? 2 : 1;
+    return bytes_.substr(it.pos, it.count * unit);
+  }
+  // The string as UTF-8 (ASCII strings as Latin-1, UTF-16 with unpaired surrogates as U+FFFD).
+  std::string text(const Item& it) const;
+  // True when the item is a string equal to the ASCII/UTF-8 text.
+  bool text_equals(const Item& it, std::string_view text) const;
+  double real(const Item& it) const;
+
+ private:
+  std::string_view bytes_;
+  std::uint64_t num_objects_ = 0, top_ = 0, table_ = 0;
+  std::uint8_t offset_size_ = 0, ref_size_ = 0;
+  std::uint64_t object_end_ = 0;  // objects lie in [8, object_end_)
+  std::uint64_t offset(std::uint64_t index) const;
+};
+
+// Appends UTF-16BE code units of UTF-8 text; returns false when the text is pure ASCII (nothing added).
+bool utf8_to_utf16be(std::string_view utf8, std::string& out, std::uint64_t& units);
+void utf16be_to_utf8(std::string_view be, std::string& out);
+
+class Builder {
+ public:
+  Builder();
+  // Reserves an index whose content is set later (containers, so that they precede their children).
+  std::uint32_t reserve();
+  // Scalars; equal values share one object. add_string and add_data keep a view: the bytes must stay
+  // alive until write().
+  std::uint32_t add_string(std::string_view utf8);
+  std::uint32_t add_int(std::int64_t v);
+  std::uint32_t add_uint(std::uint64_t v);
+  std::uint32_t add_real(double v);
+  std::uint32_t add_bool(bool v);
+  std::uint32_t add_date(double v);
+  std::uint32_t add_data(std::string_view bytes);
+  std::uint32_t add_uid(std::uint64_t v);
+  std::uint32_t add_null();
+  // Containers at a reserved (or new) index; refs are indices of this builder.
+  void set_array(std::uint32_t index, const std::uint32_t* refs, std::size_t n, bool is_set = false);
+  void set_dict(std::uint32_t index, const std::uint32_t* keys, const std::uint32_t* values, std::size_t n);
+  std::size_t object_count() const { return objects_.size(); }
+  // The whole file, with `top` as the top object.
+  std::string write(std::uint32_t top) const;
+
+ private:
+  struct Obj {
+    std::uint8_t type;   // Type
+    std::uint8_t flag;   // string: 1 when ASCII
+    std::uint32_t aux;   // containers: refs start in refs_ (dicts: keys then values)
+    std::uint64_t a;     // scalars: value bits; strings/data: index into views_; containers: count
+  };
+  std::uint32_t push(Obj o);
+  std::vector<Obj> objects_;
+  std::vector<std::uint32_t> refs_;
+  std::vector<std::string_view> views_;
+  std::unordered_map<std::string_view, std::uint32_t> strings_;
+  std::unordered_map<std::string_view, std::uint32_t> datas_;
+  std::unordered_map<std::uint64_t, std::uint32_t> ints_, reals_, dates_, uints_;
+  std::vector<std::uint32_t> uids_;  // uid value -> index + 1
+  std::uint32_t bools_[2] = {0, 0}, null_ = 0;
+};
+
+}  // namespace orvia::bplist

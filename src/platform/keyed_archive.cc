@@ -1,0 +1,977 @@
+#include "platform/keyed_archive.h"
+
+#include <cstring>
+#include <deque>
+#include <mutex>
+
+#include <fmt/format.h>
+#include <plist/plist.h>
+
+#include "platform/bplist_format.h"
+
+namespace orvia {
+namespace {
+
+using bplist::Item;
+using bplist::Type;
+
+// Archiving and unarchiving recurse into nested objects up to this depth, which keeps the order of
+// "$objects" the one Apple's archiver produces for ordinary graphs; deeper objects are queued and
+// handled by a loop, so no input can exhaust the stack.
+constexpr int kInlineDepth = 96;
+
+enum class Builtin : std::uint8_t { None, Array, MutableArray, Dict, MutableDict, Set, MutableSet, String, MutableString, Data, MutableData, Date, Null };
+
+struct BuiltinName {
+  std::string_view name;
+  Builtin kind;
+};
+constexpr BuiltinName kBuiltins[] = {
+    {"NSArray", Builtin::Array},           {"NSMutableArray", Builtin::MutableArray},
+    {"NSDictionary", Builtin::Dict},       {"NSMutableDictionary", Builtin::MutableDict},
+    {"NSSet", Builtin::Set},               {"NSMutableSet", Builtin::MutableSet},
+    {"NSString", Builtin::String},         {"NSMutableString", Builtin::MutableString},
+    {"NSData", Builtin::Data},             {"NSMutableData", Builtin::MutableData},
+    {"NSDate", Builtin::Date},             {"NSNull", Builtin::Null},
+};
+
+Builtin builtin_for(std::string_view name) {
+  for (const auto& b : kBuiltins)
+    if (b.name == name) return b.kind;
+  return Builtin::None;
+}
+
+// "$classes" chains of the Foundation classes, as Apple writes them.
+std::span<const std::string_view> foundation_chain(std::string_view name) {
+  static constexpr std::string_view kArray[] = {"NSArray", "NSObject"};
+  static constexpr std::string_view kMArray[] = {"NSMutableArray", "NSArray", "NSObject"};
+  static constexpr std::string_view kDict[] = {"NSDictionary", "NSObject"};
+  static constexpr std::string_view kMDict[] = {"NSMutableDictionary", "NSDictionary", "NSObject"};
+  static constexpr std::string_view kSet[] = {"NSSet", "NSObject"};
+  static constexpr std::string_view kMSet[] = {"NSMutableSet", "NSSet", "NSObject"};
+  static constexpr std::string_view kMString[] = {"NSMutableString", "NSString", "NSObject"};
+  static constexpr std::string_view kMData[] = {"NSMutableData", "NSData", "NSObject"};
+  static constexpr std::string_view kDate[] = {"NSDate", "NSObject"};
+  static constexpr std::string_view kNull[] = {"NSNull", "NSObject"};
+  switch (builtin_for(name)) {
+    case Builtin::Array: return kArray;
+    case Builtin::MutableArray: return kMArray;
+    case Builtin::Dict: return kDict;
+    case Builtin::MutableDict: return kMDict;
+    case Builtin::Set: return kSet;
+    case Builtin::MutableSet: return kMSet;
+    case Builtin::MutableString: return kMString;
+    case Builtin::MutableData: return kMData;
+    case Builtin::Date: return kDate;
+    case Builtin::Null: return kNull;
+    default: return {};
+  }
+}
+
+// Immutable strings, numbers and immutable data are stored in place in "$objects" (no class record).
+bool is_plain(const Object* o) {
+  switch (o->kind()) {
+    case ObjectKind::Number: return true;
+    case ObjectKind::String: return !static_cast<const String*>(o)->is_mutable();
+    case ObjectKind::Data: return !static_cast<const Data*>(o)->is_mutable();
+    default: return false;
+  }
+}
+
+// Open-addressing map from object address to UID.
+class PtrMap {
+ public:
+  PtrMap() : slots_(1024) {}
+  // Returns the slot's value (UINT32_MAX when inserted new).
+  std::uint32_t* find_or_insert(const Object* key, bool& inserted) {
+    if ((size_ + 1) * 4 > slots_.size() * 3) grow();
+    std::size_t mask = slots_.size() - 1;
+    std::size_t i = hash(key) & mask;
+    while (slots_[i].key && slots_[i].key != key) i = (i + 1) & mask;
+    inserted = !slots_[i].key;
+    if (inserted) {
+      slots_[i].key = key;
+      ++size_;
+    }
+    return &slots_[i].value;
+  }
+
+ private:
+  struct Slot {
+    const Object* key = nullptr;
+    std::uint32_t value = 0;
+  };
+  static std::size_t hash(const Object* p) {
+    auto x = reinterpret_cast<std::uintptr_t>(p);
+    x ^= x >> 33;
+    x *= 0xff51afd7ed558ccdULL;
+    x ^= x >> 33;
+    return static_cast<std::size_t>(x);
+  }
+  void grow() {
+    std::vector<Slot> old(slots_.size() * 2);
+    old.swap(slots_);
+    size_ = 0;
+    for (const Slot& s : old) {
+      if (!s.key) continue;
+      bool ins;
+      *find_or_insert(s.key, ins) = s.value;
+    }
+  }
+  std::vector<Slot> slots_;
+  std::size_t size_ = 0;
+};
+
+// ---------------------------------------------------------------------------------------------------
+
+class Archiver final : public KeyedEncoder {
+ public:
+  std::string run(const Object* root, std::string_view top_key) {
+    const std::uint32_t top = b_.reserve();
+    entries_.push_back(b_.add_string("$null"));
+    const std::uint32_t root_uid = uid_of(root);
+    while (!deferred_.empty()) {
+      auto [obj, index] = deferred_.back();
+      deferred_.pop_back();
+      depth_ = 1;
+      encode_entry(obj, index);
+      depth_ = 0;
+    }
+    const std::uint32_t objects = b_.reserve();
+    b_.set_array(objects, entries_.data(), entries_.size());
+    const std::uint32_t top_dict = b_.reserve();
+    std::uint32_t tk = b_.add_string(top_key), tv = b_.add_uid(root_uid);
+    b_.set_dict(top_dict, &tk, &tv, 1);
+    const std::uint32_t keys[] = {b_.add_string("$version"), b_.add_string("$archiver"), b_.add_string("$top"),
+                                  b_.add_string("$objects")};
+    const std::uint32_t values[] = {b_.add_int(100000), b_.add_string("NSKeyedArchiver"), top_dict, objects};
+    b_.set_dict(top, keys, values, 4);
+    return b_.write(top);
+  }
+
+  void encode_object(std::string_view key, const Object* obj) override {
+    std::uint32_t uid = uid_of(obj);
+    Frame& f = frame();
+    f.keys.push_back(key_index(key));
+    f.values.push_back(b_.add_uid(uid));
+  }
+  void encode_int64(std::string_view key, std::int64_t v) override {
+    Frame& f = frame();
+    f.keys.push_back(key_index(key));
+    f.values.push_back(b_.add_int(v));
+  }
+  void encode_bool(std::string_view key, bool v) override {
+    Frame& f = frame();
+    f.keys.push_back(key_index(key));
+    f.values.push_back(b_.add_bool(v));
+  }
+  void encode_double(std::string_view key, double v) override {
+    Frame& f = frame();
+    f.keys.push_back(key_index(key));
+    f.values.push_back(b_.add_real(v));
+  }
+
+ private:
+  struct Frame {
+    std::vector<std::uint32_t> keys, values, scratch;
+  };
+
+  Frame& frame() {
+    while (frames_.size() <= static_cast<std::size_t>(depth_)) frames_.push_back(std::make_unique<Frame>());
+    return *frames_[depth_];
+  }
+
+  std::uint32_t key_index(std::string_view key) {
+    if (auto it = keys_.find(key); it != keys_.end()) return it->second;
+    // Keys are copied once, so callers may pass temporaries; a user key starting with "$" gets one more.
+    std::string stored;
+    if (!key.empty() && key[0] == '$') stored.push_back('$');
+    stored.append(key);
+    owned_.push_back(std::move(stored));
+    std::uint32_t index = b_.add_string(owned_.back());
+    keys_.emplace(std::string_view(owned_.back()).substr(!key.empty() && key[0] == '$' ? 1 : 0), index);
+    return index;
+  }
+
+  std::uint32_t uid_of(const Object* o) {
+    if (!o) return 0;
+    bool inserted;
+    std::uint32_t* slot = uids_.find_or_insert(o, inserted);
+    if (!inserted) return *slot;
+    const std::uint32_t uid = static_cast<std::uint32_t>(entries_.size());
+    *slot = uid;
+    if (is_plain(o)) {
+      entries_.push_back(plain_index(o));
+      return uid;
+    }
+    const std::uint32_t index = b_.reserve();
+    entries_.push_back(index);
+    if (depth_ < kInlineDepth) {
+      ++depth_;
+      encode_entry(o, index);
+      --depth_;
+    } else {
+      deferred_.emplace_back(o, index);
+    }
+    return uid;
+  }
+
+  std::uint32_t plain_index(const Object* o) {
+    switch (o->kind()) {
+      case ObjectKind::String:
+        return b_.add_string(static_cast<const String*>(o)->str());
+      case ObjectKind::Data:
+        return b_.add_data(static_cast<const Data*>(o)->bytes());
+      default: {
+        const Number* n = static_cast<const Number*>(o);
+        switch (n->type()) {
+          case Number::Type::Boolean: return b_.add_bool(n->bool_value());
+          case Number::Type::Real: return b_.add_real(n->real_value());
+          case Number::Type::Unsigned: return b_.add_uint(n->uint_value());
+          case Number::Type::Signed: return b_.add_int(n->int_value());
+        }
+        return 0;
+      }
+    }
+  }
+
+  // Writes the UIDs of a list of objects as one bplist array.
+  std::uint32_t uid_array(const std::vector<Ref<Object>>& items) {
+    std::vector<std::uint32_t> refs;
+    refs.reserve(items.size());
+    for (const auto& item : items) refs.push_back(b_.add_uid(uid_of(item.get())));
+    std::uint32_t a = b_.reserve();
+    b_.set_array(a, refs.data(), refs.size());
+    return a;
+  }
+
+  void encode_entry(const Object* o, std::uint32_t index) {
+    Frame& f0 = frame();
+    f0.keys.clear();
+    f0.values.clear();
+    switch (o->kind()) {
+      case ObjectKind::Array:
+      case ObjectKind::Set: {
+        const auto& items = o->kind() == ObjectKind::Array ? static_cast<const Array*>(o)->items()
+                                                           : static_cast<const Set*>(o)->items();
+        std::uint32_t a = uid_array(items);
+        Frame& f = frame();
+        f.keys.push_back(b_.add_string("NS.objects"));
+        f.values.push_back(a);
+        break;
+      }
+      case ObjectKind::Dictionary: {
+        // All keys first, then all values, as Apple's archiver orders them.
+        const auto& entries = static_cast<const Dictionary*>(o)->entries();
+        std::vector<std::uint32_t> krefs, vrefs;
+        krefs.reserve(entries.size());
+        vrefs.reserve(entries.size());
+        for (const auto& e : entries) krefs.push_back(b_.add_uid(uid_of(e.first.get())));
+        for (const auto& e : entries) vrefs.push_back(b_.add_uid(uid_of(e.second.get())));
+        std::uint32_t ka = b_.reserve();
+        b_.set_array(ka, krefs.data(), krefs.size());
+        std::uint32_t va = b_.reserve();
+        b_.set_array(va, vrefs.data(), vrefs.size());
+        Frame& f = frame();
+        f.keys.push_back(b_.add_string("NS.keys"));
+        f.values.push_back(ka);
+        f.keys.push_back(b_.add_string("NS.objects"));
+        f.values.push_back(va);
+        break;
+      }
+      case ObjectKind::Date:
+        encode_double("NS.time", static_cast<const Date*>(o)->time());
+        break;
+      case ObjectKind::String: {
+        Frame& f = frame();
+        f.keys.push_back(b_.add_string("NS.string"));
+        f.values.push_back(b_.add_string(static_cast<const String*>(o)->str()));
+        break;
+      }
+      case ObjectKind::Data: {
+        Frame& f = frame();
+        f.keys.push_back(b_.add_string("NS.data"));
+        f.values.push_back(b_.add_data(static_cast<const Data*>(o)->bytes()));
+        break;
+      }
+      case ObjectKind::Null:
+        break;
+      case ObjectKind::Record:
+        static_cast<const Record*>(o)->encode_with_coder(*this);
+        break;
+      case ObjectKind::Number:
+        break;  // plain, never here
+    }
+    const std::uint32_t cls = class_uid(o);
+    Frame& f = frame();
+    f.keys.push_back(b_.add_string("$class"));
+    f.values.push_back(b_.add_uid(cls));
+    b_.set_dict(index, f.keys.data(), f.values.data(), f.keys.size());
+  }
+
+  std::uint32_t class_uid(const Object* o) {
+    std::string_view name = o->class_name();
+    if (auto it = classes_.find(name); it != classes_.end()) return it->second;
+    std::span<const std::string_view> chain =
+        o->kind() == ObjectKind::Record ? static_cast<const Record*>(o)->class_chain() : foundation_chain(name);
+    const std::uint32_t uid = static_cast<std::uint32_t>(entries_.size());
+    const std::uint32_t index = b_.reserve();
+    entries_.push_back(index);
+    std::vector<std::uint32_t> names;
+    for (std::string_view n : chain) names.push_back(b_.add_string(n));
+    std::vector<std::uint32_t> keys{b_.add_string("$classname")}, values{b_.add_string(name)};
+    if (!names.empty()) {
+      std::uint32_t a = b_.reserve();
+      b_.set_array(a, names.data(), names.size());
+      keys.push_back(b_.add_string("$classes"));
+      values.push_back(a);
+    }
+    b_.set_dict(index, keys.data(), values.data(), keys.size());
+    classes_.emplace(name, uid);
+    return uid;
+  }
+
+  bplist::Builder b_;
+  PtrMap uids_;
+  std::vector<std::uint32_t> entries_;  // UID -> bplist index of its "$objects" entry
+  std::vector<std::pair<const Object*, std::uint32_t>> deferred_;
+  std::vector<std::unique_ptr<Frame>> frames_;
+  int depth_ = 0;
+  std::unordered_map<std::string_view, std::uint32_t> keys_;
+  std::unordered_map<std::string_view, std::uint32_t> classes_;
+  std::deque<std::string> owned_;
+};
+
+}  // namespace
+
+// ---------------------------------------------------------------------------------------------------
+
+class KeyedUnarchiverImpl final : public KeyedDecoder {
+ public:
+  KeyedUnarchiverImpl(const bplist::View& view, const ClassRegistry& registry) : v_(view), registry_(registry) {}
+
+  Result<std::vector<std::pair<std::string, Ref<Object>>>> run() {
+    auto top = v_.item(v_.top());
+    if (!top) return top.error();
+    if (top->type != Type::Dict) return Error{"archive: top level is not a dictionary"};
+    std::uint64_t objects_ref = UINT64_MAX, top_ref = UINT64_MAX;
+    for (std::uint64_t i = 0; i < top->count; ++i) {
+      auto k = v_.ref(top.value(), i);
+      auto val = v_.ref(top.value(), top->count + i);
+      if (!k || !val) return Error{"archive: top-level reference out of range"};
+      auto ki = v_.item(k.value());
+      if (!ki) return ki.error();
+      if (v_.text_equals(ki.value(), "$objects")) objects_ref = val.value();
+      if (v_.text_equals(ki.value(), "$top")) top_ref = val.value();
+    }
+    if (objects_ref == UINT64_MAX) return Error{"archive: no $objects"};
+    if (top_ref == UINT64_MAX) return Error{"archive: no $top"};
+    auto objects = v_.item(objects_ref);
+    if (!objects) return objects.error();
+    if (objects->type != Type::Array) return Error{"archive: $objects is not an array"};
+    objects_ = objects.value();
+    state_.assign(objects_.count, 0);
+    decoded_.resize(objects_.count);
+
+    auto tops = v_.item(top_ref);
+    if (!tops) return tops.error();
+    if (tops->type != Type::Dict) return Error{"archive: $top is not a dictionary"};
+    std::vector<std::pair<std::string, Ref<Object>>> out;
+    for (std::uint64_t i = 0; i < tops->count && error_.empty(); ++i) {
+      auto k = v_.ref(tops.value(), i);
+      auto val = v_.ref(tops.value(), tops->count + i);
+      if (!k || !val) return Error{"archive: $top reference out of range"};
+      auto ki = v_.item(k.value());
+      auto vi = v_.item(val.value());
+      if (!ki) return ki.error();
+      if (!vi) return vi.error();
+      if (vi->type != Type::Uid) return Error{"archive: $top value is not a UID"};
+      Ref<Object> obj = decode_uid(vi->scalar, 0);
+      drain();
+      out.emplace_back(v_.text(ki.value()), std::move(obj));
+    }
+    if (!error_.empty()) return Error{error_};
+    return out;
+  }
+
+  // KeyedDecoder: lookups in the object that is being filled.
+  Ref<Object> decode_object(std::string_view key) override {
+    const Item* it = find(key);
+    return it ? value_object(*it) : nullptr;
+  }
+  std::int64_t decode_int64(std::string_view key) override {
+    const Item* it = find(key);
+    if (!it) return 0;
+    switch (it->type) {
+      case Type::Int: return static_cast<std::int64_t>(it->scalar);
+      case Type::Bool: return it->flag ? 1 : 0;
+      case Type::Real: return Number::from_real(v_.real(*it))->int_value();
+      case Type::Uid: {
+        Ref<Object> o = decode_uid(it->scalar, depth_);
+        const Number* n = as_number(o.get());
+        return n ? n->int_value() : 0;
+      }
+      default: return 0;
+    }
+  }
+  bool decode_bool(std::string_view key) override {
+    const Item* it = find(key);
+    if (!it) return false;
+    switch (it->type) {
+      case Type::Bool: return it->flag;
+      case Type::Int: return it->scalar != 0;
+      case Type::Real: return v_.real(*it) != 0;
+      case Type::Uid: {
+        Ref<Object> o = decode_uid(it->scalar, depth_);
+        const Number* n = as_number(o.get());
+        return n ? n->bool_value() : false;
+      }
+      default: return false;
+    }
+  }
+  double decode_double(std::string_view key) override {
+    const Item* it = find(key);
+    if (!it) return 0;
+    switch (it->type) {
+      case Type::Real:
+      case Type::Date: return v_.real(*it);
+      case Type::Int: return it->flag ? static_cast<double>(it->scalar) : static_cast<double>(static_cast<std::int64_t>(it->scalar));
+      case Type::Bool: return it->flag ? 1 : 0;
+      case Type::Uid: {
+        Ref<Object> o = decode_uid(it->scalar, depth_);
+        const Number* n = as_number(o.get());
+        return n ? n->real_value() : 0;
+      }
+      default: return 0;
+    }
+  }
+  bool contains_key(std::string_view key) override { return find(key) != nullptr; }
+
+ private:
+  struct Field {
+    std::string_view key;  // as stored (a "$" prefix of user keys already removed)
+    Item value;
+  };
+  struct Frame {
+    std::vector<Field> fields;
+    std::deque<std::string> owned;  // keys that were not stored as ASCII
+  };
+  struct ClassInfo {
+    bool ok = false;
+    Builtin builtin = Builtin::None;
+    ClassRegistry::Factory factory = nullptr;
+    std::vector<std::string> chain;  // $classname first, then $classes without it
+  };
+
+  void fail(std::string message) {
+    if (error_.empty()) error_ = std::move(message);
+  }
+
+  Frame& frame() {
+    while (frames_.size() <= static_cast<std::size_t>(depth_)) frames_.push_back(std::make_unique<Frame>());
+    return *frames_[depth_];
+  }
+
+  const Item* find(std::string_view key) {
+    if (depth_ <= 0) return nullptr;
+    for (const Field& f : frame().fields)
+      if (f.key == key) return &f.value;
+    return nullptr;
+  }
+
+  // An object under a key: UIDs resolve; scalars written in place become value objects.
+  Ref<Object> value_object(const Item& it) {
+    switch (it.type) {
+      case Type::Uid: return decode_uid(it.scalar, depth_);
+      case Type::Int: return it.flag ? Number::from_uint(it.scalar) : Number::from_int(static_cast<std::int64_t>(it.scalar));
+      case Type::Real: return Number::from_real(v_.real(it));
+      case Type::Bool: return Number::from_bool(it.flag);
+      case Type::Date: return make<Date>(v_.real(it));
+      case Type::Data: return make<Data>(std::string(v_.raw(it)));
+      case Type::AsciiString:
+      case Type::Utf16String:
+      case Type::Utf8String: return make<String>(v_.text(it));
+      default: return nullptr;
+    }
+  }
+
+  bool load_fields(const Item& dict, Frame& f) {
+    f.fields.clear();
+    f.owned.clear();
+    f.fields.reserve(dict.count);
+    for (std::uint64_t i = 0; i < dict.count; ++i) {
+      auto k = v_.ref(dict, i);
+      auto val = v_.ref(dict, dict.count + i);
+      if (!k || !val) {
+        fail("archive: object reference out of range");
+        return false;
+      }
+      auto ki = v_.item(k.value());
+      auto vi = v_.item(val.value());
+      if (!ki || !vi) {
+        fail(!ki ? ki.error().message : vi.error().message);
+        return false;
+      }
+      std::string_view key;
+      if (ki->type == Type::AsciiString || ki->type == Type::Utf8String) {
+        key = v_.raw(ki.value());
+      } else if (ki->type == Type::Utf16String) {
+        f.owned.push_back(v_.text(ki.value()));
+        key = f.owned.back();
+      } else {
+        fail(fmt::format("archive: object key {} is not a string", k.value()));
+        return false;
+      }
+      if (key.size() >= 2 && key[0] == '$' && key[1] == '$') key.remove_prefix(1);
+      f.fields.push_back(Field{key, vi.value()});
+    }
+    return true;
+  }
+
+  const ClassInfo& class_info(std::uint64_t uid) {
+    auto [it, inserted] = classes_.try_emplace(uid);
+    ClassInfo& info = it->second;
+    if (!inserted) return info;
+    if (uid == 0 || uid >= objects_.count) {
+      fail(fmt::format("archive: class reference {} out of range", uid));
+      return info;
+    }
+    auto ref = v_.ref(objects_, uid);
+    if (!ref) {
+      fail(ref.error().message);
+      return info;
+    }
+    auto ci = v_.item(ref.value());
+    if (!ci || ci->type != Type::Dict) {
+      fail(fmt::format("archive: class record {} is not a dictionary", uid));
+      return info;
+    }
+    std::string name;
+    std::vector<std::string> supers;
+    for (std::uint64_t i = 0; i < ci->count; ++i) {
+      auto k = v_.ref(ci.value(), i);
+      auto val = v_.ref(ci.value(), ci->count + i);
+      if (!k || !val) break;
+      auto ki = v_.item(k.value());
+      auto vi = v_.item(val.value());
+      if (!ki || !vi) break;
+      if (v_.text_equals(ki.value(), "$classname") &&
+          (vi->type == Type::AsciiString || vi->type == Type::Utf16String || vi->type == Type::Utf8String)) {
+        name = v_.text(vi.value());
+      } else if (v_.text_equals(ki.value(), "$classes") && vi->type == Type::Array) {
+        for (std::uint64_t j = 0; j < vi->count; ++j) {
+          auto e = v_.ref(vi.value(), j);
+          if (!e) break;
+          auto ei = v_.item(e.value());
+          if (ei && (ei->type == Type::AsciiString || ei->type == Type::Utf16String || ei->type == Type::Utf8String))
+            supers.push_back(v_.text(ei.value()));
+        }
+      }
+    }
+    if (name.empty()) {
+      fail(fmt::format("archive: class record {} has no $classname", uid));
+      return info;
+    }
+    info.ok = true;
+    info.builtin = builtin_for(name);
+    if (info.builtin == Builtin::None) info.factory = registry_.find(name);
+    // A missing "$classes" reads as the class name alone.
+    info.chain.push_back(name);
+    for (std::size_t j = 0; j < supers.size(); ++j)
+      if (!(j == 0 && supers[j] == name)) info.chain.push_back(supers[j]);
+    return info;
+  }
+
+  Ref<Object> decode_uid(std::uint64_t uid, int depth) {
+    if (uid == 0 || !error_.empty()) return nullptr;
+    if (uid >= objects_.count) {
+      fail(fmt::format("archive: UID {} beyond $objects ({} entries)", uid, objects_.count));
+      return nullptr;
+    }
+    if (state_[uid]) return decoded_[uid];
+    auto ref = v_.ref(objects_, uid);
+    if (!ref) {
+      fail(ref.error().message);
+      return nullptr;
+    }
+    auto it = v_.item(ref.value());
+    if (!it) {
+      fail(it.error().message);
+      return nullptr;
+    }
+    state_[uid] = 1;
+    switch (it->type) {
+      case Type::AsciiString:
+      case Type::Utf8String:
+        // A slot holding "$null" stands for nil (a conditional object that was never written).
+        if (v_.raw(it.value()) == "$null") return nullptr;
+        [[fallthrough]];
+      case Type::Int:
+      case Type::Real:
+      case Type::Bool:
+      case Type::Date:
+      case Type::Data:
+      case Type::Utf16String:
+        decoded_[uid] = value_object(it.value());
+        return decoded_[uid];
+      case Type::Null:
+        return nullptr;
+      case Type::Dict:
+        break;
+      default:
+        fail(fmt::format("archive: object {} is neither a value nor an object record", uid));
+        return nullptr;
+    }
+    // An object record: find its class, make the empty object, then fill it.
+    std::uint64_t class_uid = UINT64_MAX;
+    for (std::uint64_t i = 0; i < it->count; ++i) {
+      auto k = v_.ref(it.value(), i);
+      if (!k) break;
+      auto ki = v_.item(k.value());
+      if (ki && v_.text_equals(ki.value(), "$class")) {
+        auto val = v_.ref(it.value(), it->count + i);
+        if (!val) break;
+        auto vi = v_.item(val.value());
+        if (vi && vi->type == Type::Uid) class_uid = vi->scalar;
+        break;
+      }
+    }
+    if (class_uid == UINT64_MAX) {
+      fail(fmt::format("archive: object {} has no class", uid));
+      return nullptr;
+    }
+    const ClassInfo& info = class_info(class_uid);
+    if (!info.ok) return nullptr;
+    Ref<Object> shell = make_shell(info);
+    decoded_[uid] = shell;
+    if (depth < kInlineDepth) {
+      fill(shell.get(), it.value(), info, depth + 1);
+    } else {
+      pending_.push_back(Pending{shell.get(), it.value(), &info});
+    }
+    return shell;
+  }
+
+  Ref<Object> make_shell(const ClassInfo& info) {
+    switch (info.builtin) {
+      case Builtin::Array: return make<Array>(false);
+      case Builtin::MutableArray: return make<Array>(true);
+      case Builtin::Dict: return make<Dictionary>(false);
+      case Builtin::MutableDict: return make<Dictionary>(true);
+      case Builtin::Set: return make<Set>(false);
+      case Builtin::MutableSet: return make<Set>(true);
+      case Builtin::String: return make<String>(std::string(), false);
+      case Builtin::MutableString: return make<String>(std::string(), true);
+      case Builtin::Data: return make<Data>(std::string(), false);
+      case Builtin::MutableData: return make<Data>(std::string(), true);
+      case Builtin::Date: return make<Date>(0.0);
+      case Builtin::Null: return Null::shared();
+      case Builtin::None:
+        if (info.factory) {
+          if (Ref<Record> r = info.factory()) return r;
+        }
+        return make<GenericRecord>(info.chain);
+    }
+    return nullptr;
+  }
+
+  // The UIDs of a bplist array under a key, decoded.
+  void decode_uid_list(const Item* list, std::vector<Ref<Object>>& out, bool keep_nil) {
+    if (!list) return;
+    if (list->type != Type::Array) {
+      fail("archive: a list of objects is not an array");
+      return;
+    }
+    out.reserve(out.size() + list->count);
+    for (std::uint64_t i = 0; i < list->count && error_.empty(); ++i) {
+      auto r = v_.ref(*list, i);
+      if (!r) {
+        fail(r.error().message);
+        return;
+      }
+      auto ei = v_.item(r.value());
+      if (!ei) {
+        fail(ei.error().message);
+        return;
+      }
+      Ref<Object> o = value_object(ei.value());
+      if (o || keep_nil) out.push_back(std::move(o));
+    }
+  }
+
+  void fill(Object* obj, const Item& record, const ClassInfo& info, int depth) {
+    const int saved = depth_;
+    depth_ = depth;
+    if (!load_fields(record, frame())) {
+      depth_ = saved;
+      return;
+    }
+    switch (info.builtin) {
+      case Builtin::Array:
+      case Builtin::MutableArray:
+      case Builtin::Set:
+      case Builtin::MutableSet: {
+        std::vector<Ref<Object>> items;
+        const Item* list = find("NS.objects");
+        if (list) {
+          Item copy = *list;
+          decode_uid_list(&copy, items, false);
+        } else {
+          // The other form some archivers write: "NS.object.0", "NS.object.1", ...
+          for (std::size_t i = 0;; ++i) {
+            Ref<Object> o = decode_object(fmt::format("NS.object.{}", i));
+            if (!o && !contains_key(fmt::format("NS.object.{}", i))) break;
+            if (o) items.push_back(std::move(o));
+          }
+        }
+        if (obj->kind() == ObjectKind::Array) {
+          static_cast<Array*>(obj)->mutable_items() = std::move(items);
+        } else {
+          static_cast<Set*>(obj)->mutable_items() = std::move(items);
+        }
+        break;
+      }
+      case Builtin::Dict:
+      case Builtin::MutableDict: {
+        std::vector<Ref<Object>> keys, values;
+        const Item* k = find("NS.keys");
+        Item kcopy = k ? *k : Item{};
+        const Item* vv = find("NS.objects");
+        Item vcopy = vv ? *vv : Item{};
+        decode_uid_list(k ? &kcopy : nullptr, keys, true);
+        decode_uid_list(vv ? &vcopy : nullptr, values, true);
+        auto* d = static_cast<Dictionary*>(obj);
+        std::size_t n = std::min(keys.size(), values.size());
+        for (std::size_t i = 0; i < n; ++i) {
+          if (keys[i] && values[i]) d->append(std::move(keys[i]), std::move(values[i]));
+        }
+        break;
+      }
+      case Builtin::String:
+      case Builtin::MutableString: {
+        Ref<Object> s = decode_object("NS.string");
+        if (!s) s = decode_object("NS.bytes");
+        if (const String* text = as_string(s.get())) {
+          static_cast<String*>(obj)->mutable_str() = text->str();
+        } else if (const Data* bytes = as_data(s.get())) {
+          static_cast<String*>(obj)->mutable_str() = bytes->bytes();
+        }
+        break;
+      }
+      case Builtin::Data:
+      case Builtin::MutableData: {
+        Ref<Object> d = decode_object("NS.data");
+        if (!d) d = decode_object("NS.bytes");
+        if (const Data* bytes = as_data(d.get())) static_cast<Data*>(obj)->mutable_bytes() = bytes->bytes();
+        break;
+      }
+      case Builtin::Date:
+        static_cast<Date*>(obj)->set_time(decode_double("NS.time"));
+        break;
+      case Builtin::Null:
+        break;
+      case Builtin::None:
+        if (auto* g = dynamic_cast<GenericRecord*>(obj)) {
+          fill_generic(g);
+        } else {
+          static_cast<Record*>(obj)->init_with_coder(*this);
+        }
+        break;
+    }
+    depth_ = saved;
+  }
+
+  void fill_generic(GenericRecord* g) {
+    // Copy: decoding a field may reuse this depth's frame only after we return, but keep it simple.
+    std::vector<Field> fields = frame().fields;
+    std::deque<std::string> owned = frame().owned;
+    for (const Field& f : fields) {
+      if (f.key == "$class") continue;
+      bool is_inline = f.value.type != Type::Uid;
+      g->fields_.push_back(GenericRecord::Field{std::string(f.key), value_object(f.value), is_inline});
+    }
+  }
+
+  void drain() {
+    while (!pending_.empty() && error_.empty()) {
+      Pending p = pending_.back();
+      pending_.pop_back();
+      fill(p.obj, p.record, *p.info, 1);
+    }
+    pending_.clear();
+  }
+
+  struct Pending {
+    Object* obj;  // kept alive by decoded_
+    Item record;
+    const ClassInfo* info;  // stable: std::unordered_map nodes do not move
+  };
+
+  const bplist::View& v_;
+  const ClassRegistry& registry_;
+  Item objects_{};
+  std::vector<std::uint8_t> state_;
+  std::vector<Ref<Object>> decoded_;
+  std::unordered_map<std::uint64_t, ClassInfo> classes_;
+  std::vector<std::unique_ptr<Frame>> frames_;
+  std::vector<Pending> pending_;
+  int depth_ = 0;
+  std::string error_;
+};
+
+// ---------------------------------------------------------------------------------------------------
+
+GenericRecord::GenericRecord(std::vector<std::string> chain) : chain_(std::move(chain)) {
+  if (chain_.empty()) chain_.push_back("NSObject");
+  for (const auto& c : chain_) chain_views_.push_back(c);
+}
+
+void GenericRecord::encode_with_coder(KeyedEncoder& coder) const {
+  for (const Field& f : fields_) {
+    const Number* n = f.is_inline ? as_number(f.value.get()) : nullptr;
+    if (n && n->is_bool()) {
+      coder.encode_bool(f.key, n->bool_value());
+    } else if (n && n->is_real()) {
+      coder.encode_double(f.key, n->real_value());
+    } else if (n) {
+      coder.encode_int64(f.key, n->int_value());
+    } else {
+      coder.encode_object(f.key, f.value.get());
+    }
+  }
+}
+
+void GenericRecord::init_with_coder(KeyedDecoder&) {}  // the unarchiver fills generic records directly
+
+Object* GenericRecord::get(std::string_view key) const {
+  for (const Field& f : fields_)
+    if (f.key == key) return f.value.get();
+  return nullptr;
+}
+
+ClassRegistry& ClassRegistry::shared() {
+  static ClassRegistry registry;
+  return registry;
+}
+
+namespace {
+std::mutex& registry_mutex() {
+  static std::mutex m;
+  return m;
+}
+}  // namespace
+
+void ClassRegistry::add(std::string_view class_name, Factory factory) {
+  std::lock_guard lock(registry_mutex());
+  factories_[std::string(class_name)] = factory;
+}
+
+ClassRegistry::Factory ClassRegistry::find(std::string_view class_name) const {
+  std::lock_guard lock(registry_mutex());
+  auto it = factories_.find(std::string(class_name));
+  return it == factories_.end() ? nullptr : it->second;
+}
+
+std::string archive_root(const Object* root, const ArchiveOptions& options) {
+  Archiver archiver;
+  return archiver.run(root, options.top_key);
+}
+
+namespace {
+
+// The XML form writes a UID as {CF$UID = n}; libplist keeps such dictionaries as they are, so turn
+// them into UIDs before converting (iteratively: XML can nest deeply).
+void xml_uids_to_uids(plist_t root) {
+  std::vector<plist_t> stack{root};
+  while (!stack.empty()) {
+    plist_t node = stack.back();
+    stack.pop_back();
+    plist_type t = plist_get_node_type(node);
+    if (t == PLIST_ARRAY) {
+      uint32_t n = plist_array_get_size(node);
+      for (uint32_t i = 0; i < n; ++i) {
+        plist_t child = plist_array_get_item(node, i);
+        plist_t uid = plist_get_node_type(child) == PLIST_DICT && plist_dict_get_size(child) == 1
+                          ? plist_dict_get_item(child, "CF$UID") : nullptr;
+        if (uid && plist_get_node_type(uid) == PLIST_UINT) {
+          uint64_t v = 0;
+          plist_get_uint_val(uid, &v);
+          plist_array_set_item(node, plist_new_uid(v), i);
+        } else {
+          stack.push_back(child);
+        }
+      }
+    } else if (t == PLIST_DICT) {
+      plist_dict_iter it = nullptr;
+      plist_dict_new_iter(node, &it);
+      std::vector<std::pair<std::string, uint64_t>> replace;
+      for (;;) {
+        char* key = nullptr;
+        plist_t child = nullptr;
+        plist_dict_next_item(node, it, &key, &child);
+        if (!child) {
+          free(key);
+          break;
+        }
+        plist_t uid = plist_get_node_type(child) == PLIST_DICT && plist_dict_get_size(child) == 1
+                          ? plist_dict_get_item(child, "CF$UID") : nullptr;
+        if (uid && plist_get_node_type(uid) == PLIST_UINT) {
+          uint64_t v = 0;
+          plist_get_uint_val(uid, &v);
+          replace.emplace_back(key, v);
+        } else {
+          stack.push_back(child);
+        }
+        free(key);
+      }
+      free(it);
+      for (const auto& [key, v] : replace) plist_dict_set_item(node, key.c_str(), plist_new_uid(v));
+    }
+  }
+}
+
+// XML keyed archives are converted to the binary form by libplist and read by the same code.
+Result<std::string> binary_form(std::string_view bytes) {
+  if (bytes.size() >= 8 && bytes.substr(0, 6) == "bplist") return std::string();
+  if (bytes.size() > UINT32_MAX) return Error{"archive: too large"};
+  plist_t p = nullptr;
+  plist_from_xml(bytes.data(), static_cast<uint32_t>(bytes.size()), &p);
+  if (!p) return Error{"archive: neither a binary nor an XML property list"};
+  xml_uids_to_uids(p);
+  char* bin = nullptr;
+  uint32_t len = 0;
+  plist_to_bin(p, &bin, &len);
+  plist_free(p);
+  if (!bin) return Error{"archive: the XML property list could not be converted"};
+  std::string out(bin, len);
+  free(bin);
+  return out;
+}
+
+}  // namespace
+
+Result<std::vector<std::pair<std::string, Ref<Object>>>> unarchive_top(std::string_view bytes,
+                                                                       const ClassRegistry& registry) {
+  auto bin = binary_form(bytes);
+  if (!bin) return bin.error();
+  std::string_view data = bin->empty() ? bytes : std::string_view(bin.value());
+  auto view = bplist::View::open(data);
+  if (!view) return view.error();
+  KeyedUnarchiverImpl impl(view.value(), registry);
+  return impl.run();
+}
+
+Result<Ref<Object>> unarchive(std::string_view bytes, const ClassRegistry& registry) {
+  auto tops = unarchive_top(bytes, registry);
+  if (!tops) return tops.error();
+  for (auto& [key, obj] : tops.value())
+    if (key == "root") return std::move(obj);
+  return Error{"archive: $top has no root"};
+}
+
+Ref<Object> copy_through_archive(const Object* obj, const ClassRegistry& registry) {
+  auto copy = unarchive(archive_root(obj), registry);
+  return copy ? copy.value() : nullptr;
+}
+
+}  // namespace orvia
