@@ -1,0 +1,65 @@
+// gnustep-peer decode ARCHIVE            prints the JSON form of the archive's root object
+// gnustep-peer encode [--xml] SPEC OUT   writes the object graph of a JSON form as a keyed archive
+//                                        (archivedDataWithRootObject:, binary unless --xml)
+// Exit status 0 on success; 1 with a message on stderr when the input cannot be read or built;
+// 2 for wrong arguments.
+#import "peer.h"
+
+#include <stdio.h>
+
+static int Decode(NSString *path) {
+  NSData *bytes = [NSData dataWithContentsOfFile: path];
+  if (bytes == nil) PeerFail(@"cannot read %@", path);
+  // Non-secure decoding, as the client does; GNUstep would otherwise make every NSArray mutable.
+  NSKeyedUnarchiver *u = [[[NSKeyedUnarchiver alloc] initForReadingWithData: bytes] autorelease];
+  if (u == nil) PeerFail(@"not a keyed archive");
+  [u setClass: [PeerArray class] forClassName: @"NSArray"];
+  id root = [u decodeObjectForKey: @"root"];
+  [u finishDecoding];
+  NSData *json = PeerDumpGraph(root);
+  fwrite([json bytes], 1, [json length], stdout);
+  return fflush(stdout) == 0 ? 0 : 1;
+}
+
+static int Encode(NSString *specPath, NSString *outPath, BOOL xml) {
+  NSData *spec = [NSData dataWithContentsOfFile: specPath];
+  if (spec == nil) PeerFail(@"cannot read %@", specPath);
+  id root = PeerBuildGraph(PeerParseJSON(spec));
+  NSData *archive;
+  if (xml) {
+    NSMutableData *m = [NSMutableData data];
+    NSKeyedArchiver *a = [[[NSKeyedArchiver alloc] initForWritingWithMutableData: m] autorelease];
+    [a setOutputFormat: NSPropertyListXMLFormat_v1_0];
+    [a encodeObject: root forKey: @"root"];
+    [a finishEncoding];
+    archive = m;
+  } else {
+    archive = [NSKeyedArchiver archivedDataWithRootObject: root];
+  }
+  if (![archive writeToFile: outPath atomically: NO]) PeerFail(@"cannot write %@", outPath);
+  return 0;
+}
+
+int main(int argc, char **argv) {
+  NSAutoreleasePool *pool = [NSAutoreleasePool new];
+  int status = 2;
+  NSMutableArray *args = [NSMutableArray array];
+  for (int i = 1; i < argc; i++) [args addObject: [NSString stringWithUTF8String: argv[i]]];
+  BOOL xml = [args containsObject: @"--xml"];
+  [args removeObject: @"--xml"];
+  NS_DURING
+    if ([args count] == 2 && [[args objectAtIndex: 0] isEqual: @"decode"]) {
+      status = Decode([args objectAtIndex: 1]);
+    } else if ([args count] == 3 && [[args objectAtIndex: 0] isEqual: @"encode"]) {
+      status = Encode([args objectAtIndex: 1], [args objectAtIndex: 2], xml);
+    } else {
+      fprintf(stderr, "usage: gnustep-peer decode ARCHIVE | encode [--xml] SPEC OUT\n");
+    }
+  NS_HANDLER
+    fprintf(stderr, "gnustep-peer: %s: %s\n", [[localException name] UTF8String],
+            [[localException reason] UTF8String]);
+    status = 1;
+  NS_ENDHANDLER
+  [pool release];
+  return status;
+}
