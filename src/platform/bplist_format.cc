@@ -319,27 +319,59 @@ std::uint32_t Builder::push(Obj o) {
 
 std::uint32_t Builder::reserve() { return push(Obj{static_cast<std::uint8_t>(Type::Null), 0, 0, 0}); }
 
+namespace {
+std::uint64_t hash_bytes(std::string_view s) {
+  std::uint64_t h = 0x9e3779b97f4a7c15ull ^ s.size();
+  std::size_t i = 0;
+  for (; i + 8 <= s.size(); i += 8) {
+    std::uint64_t w;
+    std::memcpy(&w, s.data() + i, 8);
+    h = (h ^ w) * 0xff51afd7ed558ccdull;
+    h ^= h >> 32;
+  }
+  std::uint64_t tail = 0;
+  std::memcpy(&tail, s.data() + i, s.size() - i);
+  h = (h ^ tail) * 0xc4ceb9fe1a85ec53ull;
+  return h ^ (h >> 29);
+}
+}  // namespace
+
+std::uint32_t Builder::add_bytes(BytesTable& t, std::string_view bytes, Type type, bool ascii) {
+  if ((t.used + 1) * 4 > t.slots.size() * 3) {
+    std::vector<std::uint32_t> grown(t.slots.size() * 2, 0);
+    const std::size_t mask = grown.size() - 1;
+    for (std::uint32_t v : t.slots) {
+      if (!v) continue;
+      std::size_t i = hash_bytes(views_[objects_[v - 1].a]) & mask;
+      while (grown[i]) i = (i + 1) & mask;
+      grown[i] = v;
+    }
+    t.slots.swap(grown);
+  }
+  const std::size_t mask = t.slots.size() - 1;
+  std::size_t i = hash_bytes(bytes) & mask;
+  while (std::uint32_t v = t.slots[i]) {
+    if (views_[objects_[v - 1].a] == bytes) return v - 1;
+    i = (i + 1) & mask;
+  }
+  views_.push_back(bytes);
+  std::uint32_t index = push(Obj{static_cast<std::uint8_t>(type), static_cast<std::uint8_t>(ascii), 0, views_.size() - 1});
+  t.slots[i] = index + 1;
+  ++t.used;
+  return index;
+}
+
 std::uint32_t Builder::add_string(std::string_view s) {
-  auto [it, inserted] = strings_.try_emplace(s, 0);
-  if (!inserted) return it->second;
   bool ascii = true;
   for (unsigned char c : s)
     if (c >= 0x80) {
       ascii = false;
       break;
     }
-  views_.push_back(s);
-  it->second = push(Obj{static_cast<std::uint8_t>(Type::Utf8String), static_cast<std::uint8_t>(ascii), 0, views_.size() - 1});
-  return it->second;
+  return add_bytes(strings_, s, Type::Utf8String, ascii);
 }
 
-std::uint32_t Builder::add_data(std::string_view d) {
-  auto [it, inserted] = datas_.try_emplace(d, 0);
-  if (!inserted) return it->second;
-  views_.push_back(d);
-  it->second = push(Obj{static_cast<std::uint8_t>(Type::Data), 0, 0, views_.size() - 1});
-  return it->second;
-}
+std::uint32_t Builder::add_data(std::string_view d) { return add_bytes(datas_, d, Type::Data, false); }
 
 std::uint32_t Builder::add_int(std::int64_t v) {
   auto [it, inserted] = ints_.try_emplace(static_cast<std::uint64_t>(v), 0);

@@ -103,12 +103,17 @@ class Builder {
     std::uint32_t aux;   // containers: refs start in refs_ (dicts: keys then values)
     std::uint64_t a;     // scalars: value bits; strings/data: index into views_; containers: count
   };
+  // Open-addressing table of byte strings already added (strings and data apart): slot -> index + 1.
+  struct BytesTable {
+    std::vector<std::uint32_t> slots = std::vector<std::uint32_t>(64, 0);
+    std::size_t used = 0;
+  };
+  std::uint32_t add_bytes(BytesTable& table, std::string_view bytes, Type type, bool ascii);
   std::uint32_t push(Obj o);
   std::vector<Obj> objects_;
   std::vector<std::uint32_t> refs_;
   std::vector<std::string_view> views_;
-  std::unordered_map<std::string_view, std::uint32_t> strings_;
-  std::unordered_map<std::string_view, std::uint32_t> datas_;
+  BytesTable strings_, datas_;
   std::unordered_map<std::uint64_t, std::uint32_t> ints_, reals_, dates_, uints_;
   std::vector<std::uint32_t> uids_;  // uid value -> index + 1
   std::uint32_t bools_[2] = {0, 0}, null_ = 0;

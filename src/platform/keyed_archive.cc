@@ -2,6 +2,7 @@
 
 #include <cstring>
 #include <deque>
+#include <atomic>
 #include <mutex>
 
 #include <fmt/format.h>
@@ -81,7 +82,7 @@ bool is_plain(const Object* o) {
 // Open-addressing map from object address to UID.
 class PtrMap {
  public:
-  PtrMap() : slots_(1024) {}
+  PtrMap() : slots_(16) {}
   // Returns the slot's value (UINT32_MAX when inserted new).
   std::uint32_t* find_or_insert(const Object* key, bool& inserted) {
     if ((size_ + 1) * 4 > slots_.size() * 3) grow();
@@ -121,6 +122,44 @@ class PtrMap {
   std::vector<Slot> slots_;
   std::size_t size_ = 0;
 };
+
+}  // namespace
+
+// The archiver keeps an object's UID in the object itself. Objects are used by one thread at a time,
+// except the process-wide constants, whose UIDs go through a table.
+class ArchiveScratch {
+ public:
+  static std::uint32_t next_run() {
+    static std::atomic<std::uint32_t> runs{0};
+    std::uint32_t r = runs.fetch_add(1, std::memory_order_relaxed) + 1;
+    return r ? r : runs.fetch_add(1, std::memory_order_relaxed) + 1;  // 0 means "never archived"
+  }
+  static bool shared_constant(const Object* o) {
+    return o->kind() == ObjectKind::Null || (o->kind() == ObjectKind::Number && static_cast<const Number*>(o)->is_bool());
+  }
+  // Gives `o` the UID `uid` in this run; false when it already has one.
+  static bool claim(const Object* o, std::uint32_t run, std::uint32_t uid, PtrMap& shared) {
+    if (shared_constant(o)) {
+      bool inserted;
+      std::uint32_t* slot = shared.find_or_insert(o, inserted);
+      if (inserted) *slot = uid;
+      return inserted;
+    }
+    if (o->archive_run_ == run) return false;
+    o->archive_run_ = run;
+    o->archive_uid_ = uid;
+    return true;
+  }
+  static std::uint32_t uid(const Object* o, std::uint32_t run, PtrMap& shared) {
+    if (shared_constant(o)) {
+      bool inserted;
+      return *shared.find_or_insert(o, inserted);
+    }
+    return o->archive_uid_;
+  }
+};
+
+namespace {
 
 // ---------------------------------------------------------------------------------------------------
 
@@ -195,11 +234,8 @@ class Archiver final : public KeyedEncoder {
 
   std::uint32_t uid_of(const Object* o) {
     if (!o) return 0;
-    bool inserted;
-    std::uint32_t* slot = uids_.find_or_insert(o, inserted);
-    if (!inserted) return *slot;
     const std::uint32_t uid = static_cast<std::uint32_t>(entries_.size());
-    *slot = uid;
+    if (!ArchiveScratch::claim(o, run_, uid, uids_)) return ArchiveScratch::uid(o, run_, uids_);
     if (is_plain(o)) {
       entries_.push_back(plain_index(o));
       return uid;
@@ -332,7 +368,8 @@ class Archiver final : public KeyedEncoder {
   }
 
   bplist::Builder b_;
-  PtrMap uids_;
+  const std::uint32_t run_ = ArchiveScratch::next_run();
+  PtrMap uids_;  // for objects that several threads share (YES, NO, NSNull), which keep no scratch
   std::vector<std::uint32_t> entries_;  // UID -> bplist index of its "$objects" entry
   std::vector<std::pair<const Object*, std::uint32_t>> deferred_;
   std::vector<std::unique_ptr<Frame>> frames_;

@@ -66,6 +66,11 @@ class Object {
   mutable std::atomic<std::uint32_t> refs_{0};
   ObjectKind kind_;
   bool tracked_ = false;
+  // Scratch of the keyed archiver: the UID given to this object by the archiving run `archive_run_`
+  // (each run takes a new number), so that finding an object's UID needs no lookup table.
+  friend class ArchiveScratch;
+  mutable std::uint32_t archive_run_ = 0;
+  mutable std::uint32_t archive_uid_ = 0;
   // Intrusive list of the heap's tracked objects (only objects that can hold references).
   Heap* heap_ = nullptr;
   Object* heap_prev_ = nullptr;

@@ -1,0 +1,190 @@
+#include "legacy/media_conversion.h"
+
+#include <initializer_list>
+#include <string>
+
+#include "platform/description.h"
+#include "platform/keyed_archive.h"
+#include "platform/log.h"
+
+namespace orvia {
+namespace {
+
+// Keys and constant values are immutable, untracked objects shared by every conversion: the
+// conversion runs once per stored media item (hundreds of thousands in a large store).
+struct Constants {
+  Ref<String> taken_at = str("taken_at"), id = str("id"), pk = str("pk"), device_timestamp = str("device_timestamp"),
+              media_type = str("media_type"), code = str("code"), filter_type = str("filter_type"),
+              image_versions2 = str("image_versions2"), candidates = str("candidates"), width = str("width"),
+              height = str("height"), url = str("url"), original_width = str("original_width"),
+              original_height = str("original_height"), user = str("user"), caption = str("caption"),
+              like_count = str("like_count"), has_liked = str("has_liked"), likers = str("likers"),
+              comment_likes_enabled = str("comment_likes_enabled"),
+              comment_threading_enabled = str("comment_threading_enabled"),
+              has_more_comments = str("has_more_comments"),
+              max_num_visible_preview_comments = str("max_num_visible_preview_comments"),
+              preview_comments = str("preview_comments"), comment_count = str("comment_count"),
+              photo_of_you = str("photo_of_you"), can_viewer_save = str("can_viewer_save"),
+              converted_from_orvia4 = str("converted_from_orvia4"), username = str("username"),
+              full_name = str("full_name"), profile_pic_url = str("profile_pic_url"), is_private = str("is_private"),
+              user_id = str("user_id"), text = str("text"), type = str("type"), created_at = str("created_at"),
+              created_at_utc = str("created_at_utc"), content_type = str("content_type"), status = str("status"),
+              bit_flags = str("bit_flags"), did_report_as_spam = str("did_report_as_spam"),
+              media_id = str("media_id"), caption_is_edited = str("caption_is_edited");
+  Ref<String> comment = str("comment"), active = str("Active");
+  Ref<Number> zero = num(0), one = num(1), two = num(2), n320 = num(320), n640 = num(640);
+  Ref<Number> yes = boolean(true), no = boolean(false);
+};
+
+const Constants& k() {
+  static const Constants constants;
+  return constants;
+}
+
+// The value at a key path of nested dictionaries; nothing when a part is missing or a value on the
+// way is not a dictionary (a stored null under "caption" gives nothing for "caption.text").
+Object* at_path(const Dictionary* stored, std::initializer_list<std::string_view> path) {
+  const Object* cur = stored;
+  for (std::string_view part : path) {
+    const Dictionary* d = as_dict(cur);
+    if (!d) return nullptr;
+    cur = d->get(part);
+    if (!cur) return nullptr;
+  }
+  return const_cast<Object*>(cur);
+}
+
+void put(Dictionary& d, const Ref<String>& key, Object* value) {
+  if (value) d.append(Ref<Object>(key), Ref<Object>(value));
+}
+void put(Dictionary& d, const Ref<String>& key, const Ref<Object>& value) { put(d, key, value.get()); }
+
+// The text that "id" and "link" are cut from. A string is taken as it is and a number by its decimal
+// text (a stored numeric id still gives a "pk"); any other kind gives nothing, so neither "pk" nor
+// "code" is set for it.
+bool text_source(const Object* o, std::string& out) {
+  if (const String* s = as_string(o)) {
+    out = s->str();
+    return true;
+  }
+  if (as_number(o)) {
+    out = description(o);
+    return true;
+  }
+  return false;
+}
+
+}  // namespace
+
+Result<Ref<Dictionary>> decode_media_record(std::string_view archive) {
+  auto root = unarchive(archive);
+  if (!root.ok()) return Error{root.error().message};
+  Dictionary* d = as_dict(root.value().get());
+  if (!d) {
+    return Error{root.value() ? "the archived root is a " + std::string(root.value()->class_name()) + ", not a dictionary"
+                              : std::string("the archived root is nil")};
+  }
+  return Ref<Dictionary>(d);
+}
+
+Ref<Dictionary> convertedDictionary(const Dictionary* stored) {
+  const Constants& c = k();
+  Ref<Dictionary> out = make<Dictionary>(true);
+  Object* created_time = at_path(stored, {"caption", "created_time"});
+  Object* id = at_path(stored, {"id"});
+
+  // "pk": the id up to its first "_" (the whole id when it has none).
+  Ref<Object> pk;
+  std::string text;
+  if (text_source(id, text)) {
+    std::size_t cut = text.find('_');
+    if (cut == std::string::npos && as_string(id)) {
+      pk = Ref<Object>(id);
+    } else {
+      pk = str(std::string_view(text).substr(0, cut));
+    }
+  }
+  // "code": the link after its last "/" (empty when it ends in "/", the whole link when it has none).
+  Ref<Object> code;
+  if (text_source(at_path(stored, {"link"}), text)) {
+    std::size_t cut = text.rfind('/');
+    code = str(cut == std::string::npos ? std::string_view(text) : std::string_view(text).substr(cut + 1));
+  }
+
+  put(*out, c.taken_at, created_time);
+  put(*out, c.id, id);
+  put(*out, c.pk, pk);
+  put(*out, c.device_timestamp, created_time);
+  put(*out, c.media_type, at_path(stored, {"videos"}) ? c.two.get() : c.one.get());
+  put(*out, c.code, code);
+  put(*out, c.filter_type, c.zero.get());
+
+  Ref<Dictionary> standard = make<Dictionary>(true);
+  put(*standard, c.width, c.n640.get());
+  put(*standard, c.height, c.n640.get());
+  put(*standard, c.url, at_path(stored, {"images", "standard_resolution", "url"}));
+  Ref<Dictionary> low = make<Dictionary>(true);
+  put(*low, c.width, c.n320.get());
+  put(*low, c.height, c.n320.get());
+  put(*low, c.url, at_path(stored, {"images", "low_resolution", "url"}));
+  Ref<Dictionary> versions = make<Dictionary>(true);
+  put(*versions, c.candidates, Ref<Object>(make<Array>(std::vector<Ref<Object>>{standard, low}, false)));
+  put(*out, c.image_versions2, Ref<Object>(versions));
+
+  put(*out, c.original_width, c.n640.get());
+  put(*out, c.original_height, c.n640.get());
+
+  Ref<Dictionary> user = make<Dictionary>(true);
+  put(*user, c.pk, at_path(stored, {"user", "id"}));
+  put(*user, c.username, at_path(stored, {"user", "username"}));
+  put(*user, c.full_name, at_path(stored, {"user", "full_name"}));
+  put(*user, c.profile_pic_url, at_path(stored, {"user", "profile_picture"}));
+  put(*user, c.is_private, c.no.get());
+  put(*out, c.user, Ref<Object>(user));
+
+  Ref<Dictionary> caption = make<Dictionary>(true);
+  put(*caption, c.pk, at_path(stored, {"caption", "id"}));
+  put(*caption, c.user_id, at_path(stored, {"caption", "from", "id"}));
+  put(*caption, c.text, at_path(stored, {"caption", "text"}));
+  put(*caption, c.type, c.one.get());
+  put(*caption, c.created_at, created_time);
+  put(*caption, c.created_at_utc, created_time);
+  put(*caption, c.content_type, c.comment.get());
+  put(*caption, c.status, c.active.get());
+  put(*caption, c.bit_flags, c.zero.get());
+  put(*caption, c.user, Ref<Object>(user));  // the very same record as the top-level "user"
+  put(*caption, c.did_report_as_spam, c.no.get());
+  put(*caption, c.media_id, pk);
+  put(*caption, c.caption_is_edited, c.no.get());
+  put(*out, c.caption, Ref<Object>(caption));
+
+  put(*out, c.like_count, at_path(stored, {"likes", "count"}));
+  put(*out, c.has_liked, at_path(stored, {"user_has_liked"}));
+  put(*out, c.likers, Ref<Object>(make<Array>(false)));
+  put(*out, c.comment_likes_enabled, c.no.get());
+  put(*out, c.comment_threading_enabled, c.no.get());
+  put(*out, c.has_more_comments, c.no.get());
+  put(*out, c.max_num_visible_preview_comments, c.zero.get());
+  put(*out, c.preview_comments, Ref<Object>(make<Array>(false)));
+  put(*out, c.comment_count, at_path(stored, {"comments", "count"}));
+  put(*out, c.photo_of_you, c.no.get());
+  put(*out, c.can_viewer_save, c.yes.get());
+  put(*out, c.converted_from_orvia4, c.yes.get());
+  return out;
+}
+
+Ref<Dictionary> convertedDictionaryFromArchive(const std::string_view* archive, std::string_view label) {
+  if (!archive) {
+    // No stored record: the item still becomes a media dictionary, of constants only.
+    NSLog("Unreadable media record %@: %@", label, "no stored dictionary");
+    return convertedDictionary(nullptr);
+  }
+  auto decoded = decode_media_record(*archive);
+  if (!decoded.ok()) {
+    NSLog("Unreadable media record %@: %@", label, decoded.error().message);
+    return convertedDictionary(nullptr);
+  }
+  return convertedDictionary(decoded.value().get());
+}
+
+}  // namespace orvia

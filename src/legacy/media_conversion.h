@@ -1,0 +1,26 @@
+// Conversion of a media record that the old client stored (the photo service's older interface: keys
+// "caption", "images", "likes", "link", "user", ...) into the newer interface's form, marked with
+// "converted_from_orvia4". A fixed mapping of 24 keys in a fixed order; see media_conversion.cc.
+#pragma once
+
+#include <string_view>
+
+#include "platform/object.h"
+#include "platform/result.h"
+#include "platform/value.h"
+
+namespace orvia {
+
+// unarchiveObjectWithData: of a stored `dictionary` attribute: the decoded dictionary, or an Error
+// when the bytes are not a keyed archive or its root is not a dictionary.
+Result<Ref<Dictionary>> decode_media_record(std::string_view archive);
+
+// The newer form of a decoded stored record: a new mutable dictionary. A null `stored` converts as an
+// empty record (only the constant keys are set). Never null.
+Ref<Dictionary> convertedDictionary(const Dictionary* stored);
+
+// Decodes and converts; an absent or unreadable archive logs "Unreadable media record %@: %@" with
+// `label` (the item's object URI) and the reason, and converts as an empty record.
+Ref<Dictionary> convertedDictionaryFromArchive(const std::string_view* archive, std::string_view label);
+
+}  // namespace orvia

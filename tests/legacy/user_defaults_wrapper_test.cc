@@ -1,0 +1,162 @@
+// The old client's preferences, read from real property-list files below a home folder.
+#include "legacy/user_defaults_wrapper.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+
+#include "platform/home.h"
+#include "platform/log.h"
+#include "platform/plist.h"
+#include "support/support.h"
+
+namespace fs = std::filesystem;
+
+namespace orvia {
+namespace {
+
+using test::snapshot_tree;
+using test::TempDir;
+
+constexpr const char* kBundle = "com.brenvik.velmora";
+
+fs::path preferences_file(const fs::path& home) {
+  return home / "Library/Containers" / kBundle / "Data/Library/Preferences" / (std::string(kBundle) + ".plist");
+}
+
+void write_preferences(const fs::path& file, const Object* top, bool xml = false) {
+  auto bytes = xml ? write_xml_plist(top) : write_binary_plist(top);
+  ASSERT_TRUE(bytes.ok()) << bytes.error().message;
+  test::write_file(file, bytes.value());
+}
+
+TEST(UserDefaults, AnswersTheInstallationQuestionFromTheMarkers) {
+  struct Case {
+    const char* name;
+    std::function<void(const fs::path& home)> write;
+    bool installed;
+  };
+  const std::vector<Case> cases = {
+      {"no preferences at all", [](const fs::path&) {}, false},
+      {"only the last marker, stored as NO",
+       [](const fs::path& h) { write_preferences(preferences_file(h), dict({{"FinishedStartScreen415x", boolean(false)}}).get()); },
+       true},
+      {"the first marker as 0", [](const fs::path& h) { write_preferences(preferences_file(h), dict({{"FinishedStartScreen400", num(0)}}).get()); },
+       true},
+      {"a middle marker as an empty text, XML",
+       [](const fs::path& h) { write_preferences(preferences_file(h), dict({{"FinishedStartScreen410xxxxxx", str("")}}).get(), true); },
+       true},
+      {"other keys only",
+       [](const fs::path& h) {
+         write_preferences(preferences_file(h), dict({{"WZAlbumsOrderIndex", num(1)},
+                                                      {"FinishedStartScreen", boolean(true)},
+                                                      {"FinishedStartScreen416x", boolean(true)}})
+                                                    .get());
+       },
+       false},
+      {"a file named like the domain, without .plist",
+       [](const fs::path& h) {
+         fs::path f = preferences_file(h);
+         f.replace_extension();
+         write_preferences(f, dict({{"FinishedStartScreen400", boolean(true)}}).get());
+       },
+       false},
+      {"a top level that is a list",
+       [](const fs::path& h) { write_preferences(preferences_file(h), array({str("FinishedStartScreen400")}).get()); },
+       false},
+      {"an unreadable file", [](const fs::path& h) { test::write_file(preferences_file(h), "bplist00 broken"); }, false},
+      {"the preferences file is a folder", [](const fs::path& h) { fs::create_directories(preferences_file(h)); },
+       false},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    TempDir home;
+    c.write(home.path());
+    const auto before = snapshot_tree(home.path());
+    auto defaults = MQUserDefaultsWrapper::initWithBundleID(kBundle, home.path().string());
+    EXPECT_EQ(defaults->hasExistingOrviaInstall(), c.installed);
+    EXPECT_EQ(snapshot_tree(home.path()), before);
+  }
+}
+
+TEST(UserDefaults, ReadsValuesOfEveryKindAndNothingForMissingKeys) {
+  TempDir home;
+  Ref<Dictionary> prefs = dict({{"text", str("hello")},
+                                {"number", num(42)},
+                                {"flag", boolean(true)},
+                                {"when", date(1000.5)},
+                                {"bytes", data("\x01\x02")},
+                                {"list", array({str("a"), num(1)})},
+                                {"nested", dict({{"1001", str("x")}})}});
+  write_preferences(preferences_file(home.path()), prefs.get());
+  auto defaults = MQUserDefaultsWrapper::initWithBundleID(kBundle, home.path().string());
+  EXPECT_EQ(defaults->bundleID(), kBundle);
+  EXPECT_EQ(defaults->preferencesDomain(),
+            home.path().string() + "/Library/Containers/com.brenvik.velmora/Data/Library/Preferences/com.brenvik.velmora");
+  for (const auto& [key, value] : prefs->entries()) {
+    SCOPED_TRACE(text_of(key.get()));
+    EXPECT_TRUE(deep_equal(defaults->valueForKey(text_of(key.get())).get(), value.get()));
+  }
+  EXPECT_TRUE(as_number(defaults->valueForKey("flag").get())->is_bool());
+  EXPECT_FALSE(defaults->valueForKey("missing"));
+  EXPECT_FALSE(defaults->valueForKey(""));
+}
+
+TEST(UserDefaults, TakesTheHomeFolderWhenCreatedAndSeesAChangedFile) {
+  TempDir home;
+  const char* old_home = std::getenv("HOME");
+  const std::string saved = old_home ? old_home : "";
+  ::setenv("HOME", home.path().c_str(), 1);
+  auto defaults = MQUserDefaultsWrapper::initWithBundleID(kBundle);
+  if (old_home) {
+    ::setenv("HOME", saved.c_str(), 1);
+  } else {
+    ::unsetenv("HOME");
+  }
+  EXPECT_EQ(defaults->homeFolder(), home.path().string());
+
+  EXPECT_FALSE(defaults->valueForKey("WZAlbumsOrderIndex"));  // no file yet
+  write_preferences(preferences_file(home.path()), dict({{"WZAlbumsOrderIndex", num(1)}}).get());
+  ASSERT_TRUE(defaults->valueForKey("WZAlbumsOrderIndex"));
+  EXPECT_EQ(as_number(defaults->valueForKey("WZAlbumsOrderIndex").get())->int_value(), 1);
+  // A rewritten file (another size) is read again.
+  write_preferences(preferences_file(home.path()), dict({{"WZAlbumsOrderIndex", str("two")}}).get());
+  EXPECT_EQ(text_of(defaults->valueForKey("WZAlbumsOrderIndex").get()), "two");
+  fs::remove(preferences_file(home.path()));
+  EXPECT_FALSE(defaults->valueForKey("WZAlbumsOrderIndex"));
+}
+
+TEST(UserDefaults, FindsStatisticsDatabasesAndLogsEveryPath) {
+  TempDir home;
+  const std::string folder = home.path().string() + "/Library/Containers/com.brenvik.velmora/Data/Library/Application Support/Velmora";
+  fs::create_directories(folder);
+  test::write_file(folder + "/1001.db", "SQLite format 3");
+  fs::create_directories(folder + "/1002.db");  // a folder counts as present
+  auto defaults = MQUserDefaultsWrapper::initWithBundleID(kBundle, home.path().string());
+  struct Case {
+    Ref<Object> id;
+    const char* file;
+    bool present;
+  };
+  const std::vector<Case> cases = {
+      {str("1001"), "1001.db", true},
+      {str("1002"), "1002.db", true},
+      {num(1001), "1001.db", true},  // a number by its decimal text
+      {str("1003"), "1003.db", false},
+      {nullptr, "(null).db", false},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.file);
+    LogCapture log;
+    Ref<String> path = defaults->statisticsPathWithAccountID(c.id.get());
+    const std::string expected = folder + "/" + c.file;
+    EXPECT_EQ(log.lines(), std::vector<std::string>({"folder is: " + expected}));
+    ASSERT_EQ(static_cast<bool>(path), c.present);
+    if (path) {
+      EXPECT_EQ(path->str(), expected);
+    }
+  }
+}
+
+}  // namespace
+}  // namespace orvia
