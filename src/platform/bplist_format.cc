@@ -11,9 +11,27 @@ namespace {
 constexpr std::size_t kTrailer = 32;
 
 inline std::uint64_t be(const unsigned char* p, unsigned n) {
-  std::uint64_t v = 0;
-  for (unsigned i = 0; i < n; ++i) v = (v << 8) | p[i];
-  return v;
+  switch (n) {
+    case 1:
+      return p[0];
+    case 2:
+      return (std::uint64_t(p[0]) << 8) | p[1];
+    case 4: {
+      std::uint32_t v;
+      std::memcpy(&v, p, 4);
+      return __builtin_bswap32(v);
+    }
+    case 8: {
+      std::uint64_t v;
+      std::memcpy(&v, p, 8);
+      return __builtin_bswap64(v);
+    }
+    default: {
+      std::uint64_t v = 0;
+      for (unsigned i = 0; i < n; ++i) v = (v << 8) | p[i];
+      return v;
+    }
+  }
 }
 
 inline double bits_to_double(std::uint64_t b) {
@@ -274,10 +292,21 @@ std::string View::text(const Item& it) const {
   std::string out;
   std::string_view raw_bytes = raw(it);
   switch (it.type) {
-    case Type::AsciiString:
-      out.reserve(raw_bytes.size());
-      for (unsigned char c : raw_bytes) append_utf8(out, c);
+    case Type::AsciiString: {
+      bool ascii = true;
+      for (unsigned char c : raw_bytes)
+        if (c >= 0x80) {
+          ascii = false;
+          break;
+        }
+      if (ascii) {
+        out.assign(raw_bytes);
+        break;
+      }
+      out.reserve(raw_bytes.size() + 8);
+      for (unsigned char c : raw_bytes) append_utf8(out, c);  // bytes above 0x7f read as Latin-1
       break;
+    }
     case Type::Utf16String:
       utf16be_to_utf8(raw_bytes, out);
       break;

@@ -491,7 +491,7 @@ class KeyedUnarchiverImpl final : public KeyedDecoder {
   };
   struct Frame {
     std::vector<Field> fields;
-    std::deque<std::string> owned;  // keys that were not stored as ASCII
+    std::unique_ptr<std::deque<std::string>> owned;  // keys that were not stored as ASCII, made on demand
   };
   struct ClassInfo {
     bool ok = false;
@@ -504,9 +504,10 @@ class KeyedUnarchiverImpl final : public KeyedDecoder {
     if (error_.empty()) error_ = std::move(message);
   }
 
-  Frame& frame() {
-    while (frames_.size() <= static_cast<std::size_t>(depth_)) frames_.push_back(std::make_unique<Frame>());
-    return *frames_[depth_];
+  Frame& frame() { return frame_at(depth_); }
+  Frame& frame_at(int depth) {
+    while (frames_.size() <= static_cast<std::size_t>(depth)) frames_.push_back(std::make_unique<Frame>());
+    return *frames_[depth];
   }
 
   const Item* find(std::string_view key) {
@@ -534,7 +535,7 @@ class KeyedUnarchiverImpl final : public KeyedDecoder {
 
   bool load_fields(const Item& dict, Frame& f) {
     f.fields.clear();
-    f.owned.clear();
+    if (f.owned) f.owned->clear();
     f.fields.reserve(dict.count);
     for (std::uint64_t i = 0; i < dict.count; ++i) {
       auto k = v_.ref(dict, i);
@@ -553,8 +554,9 @@ class KeyedUnarchiverImpl final : public KeyedDecoder {
       if (ki->type == Type::AsciiString || ki->type == Type::Utf8String) {
         key = v_.raw(ki.value());
       } else if (ki->type == Type::Utf16String) {
-        f.owned.push_back(v_.text(ki.value()));
-        key = f.owned.back();
+        if (!f.owned) f.owned = std::make_unique<std::deque<std::string>>();
+        f.owned->push_back(v_.text(ki.value()));
+        key = f.owned->back();
       } else {
         fail(fmt::format("archive: object key {} is not a string", k.value()));
         return false;
@@ -611,7 +613,8 @@ class KeyedUnarchiverImpl final : public KeyedDecoder {
     }
     info.ok = true;
     info.builtin = builtin_for(name);
-    if (info.builtin == Builtin::None) info.factory = registry_.find(name);
+    if (info.builtin != Builtin::None) return info;
+    info.factory = registry_.find(name);
     // A missing "$classes" reads as the class name alone.
     info.chain.push_back(name);
     for (std::size_t j = 0; j < supers.size(); ++j)
@@ -659,17 +662,16 @@ class KeyedUnarchiverImpl final : public KeyedDecoder {
         fail(fmt::format("archive: object {} is neither a value nor an object record", uid));
         return nullptr;
     }
-    // An object record: find its class, make the empty object, then fill it.
+    // An object record: read its keys once, find its class, make the empty object, then fill it.
+    // Filled at once (the keys stay in the next depth's frame), or later when it lies very deep.
+    const bool now = depth < kInlineDepth;
+    Frame scratch_frame;
+    Frame& f = now ? frame_at(depth + 1) : scratch_frame;
+    if (!load_fields(it.value(), f)) return nullptr;
     std::uint64_t class_uid = UINT64_MAX;
-    for (std::uint64_t i = 0; i < it->count; ++i) {
-      auto k = v_.ref(it.value(), i);
-      if (!k) break;
-      auto ki = v_.item(k.value());
-      if (ki && v_.text_equals(ki.value(), "$class")) {
-        auto val = v_.ref(it.value(), it->count + i);
-        if (!val) break;
-        auto vi = v_.item(val.value());
-        if (vi && vi->type == Type::Uid) class_uid = vi->scalar;
+    for (const Field& field : f.fields) {
+      if (field.key == "$class") {
+        if (field.value.type == Type::Uid) class_uid = field.value.scalar;
         break;
       }
     }
@@ -681,8 +683,8 @@ class KeyedUnarchiverImpl final : public KeyedDecoder {
     if (!info.ok) return nullptr;
     Ref<Object> shell = make_shell(info);
     decoded_[uid] = shell;
-    if (depth < kInlineDepth) {
-      fill(shell.get(), it.value(), info, depth + 1);
+    if (now) {
+      fill(shell.get(), it.value(), info, depth + 1, /*fields_loaded=*/true);
     } else {
       pending_.push_back(Pending{shell.get(), it.value(), &info});
     }
@@ -736,10 +738,10 @@ class KeyedUnarchiverImpl final : public KeyedDecoder {
     }
   }
 
-  void fill(Object* obj, const Item& record, const ClassInfo& info, int depth) {
+  void fill(Object* obj, const Item& record, const ClassInfo& info, int depth, bool fields_loaded = false) {
     const int saved = depth_;
     depth_ = depth;
-    if (!load_fields(record, frame())) {
+    if (!fields_loaded && !load_fields(record, frame())) {
       depth_ = saved;
       return;
     }
@@ -819,10 +821,8 @@ class KeyedUnarchiverImpl final : public KeyedDecoder {
   }
 
   void fill_generic(GenericRecord* g) {
-    // Copy: decoding a field may reuse this depth's frame only after we return, but keep it simple.
-    std::vector<Field> fields = frame().fields;
-    std::deque<std::string> owned = frame().owned;
-    for (const Field& f : fields) {
+    // Decoding a field fills deeper frames only, so this frame's fields stay as they are.
+    for (const Field& f : frame().fields) {
       if (f.key == "$class") continue;
       bool is_inline = f.value.type != Type::Uid;
       g->fields_.push_back(GenericRecord::Field{std::string(f.key), value_object(f.value), is_inline});
