@@ -1,0 +1,269 @@
+// Album and favourite friend nodes: records of the legacy store, matched to sidebar entries by their
+// object URIs ("ff-<URI>", "fa-<URI>"), and the unfiled ones collected in the store's order.
+#include <gtest/gtest.h>
+
+#include "nodes_fixture.h"
+
+namespace orvia::test {
+namespace {
+
+using Store = LegacyStore;
+
+class AlbumFriendNodes : public NodesTest {
+ protected:
+  void SetUp() override {
+    NodesTest::SetUp();
+    Store& s = home.store();
+    ann = s.add_account("1001", "ann");
+    bob = s.add_account("2002", "bob");
+    beach = s.add_album("Beach", 10);
+    empty = s.add_album("Empty", 20);
+    city = s.add_album("City", 30);
+    first = s.add_image(beach, media_archive(*older_media("111_1", "https://ig.example/p/AAA")));
+    second = s.add_image(beach, media_archive(*older_media("222_1", "https://ig.example/p/BBB/", "x", "ann", true)));
+    s.add_image(city, media_archive(*older_media("333", "https://ig.example/p/CCC")));
+    // Ann's favourites in the default order (most unseen first): carol, dave; bob's: erin; none: frank.
+    carol = s.add_friend({.uid = "31", .name = "carol", .image_url = "https://img.example/carol.jpg", .added = 1000.5,
+                          .unread_count = 9, .media_count = 42, .account = ann});
+    dave = s.add_friend({.name = "dave", .unread_count = 1, .account = ann});
+    erin = s.add_friend({.uid = "33", .name = "erin", .account = bob});
+    frank = s.add_friend({.uid = "34", .name = "frank"});
+  }
+
+  std::string album_uri(std::int64_t pk) { return home.store().uri(Store::kImageList, pk); }
+  std::string friend_uri(std::int64_t pk) { return home.store().uri(Store::kFriend, pk); }
+  Ref<OutlineFolderItem> entry(std::string_view base, std::string_view title, std::string_view identifier) {
+    auto root = sidebar_root();
+    return add_entry(*add_base_folder(*root, base), title, identifier);
+  }
+
+  std::int64_t ann, bob, beach, empty, city, first, second, carol, dave, erin, frank;
+};
+
+TEST_F(AlbumFriendNodes, StoreWrittenByTheBuilderReadsBack) {
+  attach();
+  // A finished WAL-mode store with nothing beside it, as the old client left it after quitting.
+  const std::string header = read_file(home.store_file()).substr(0, 20);
+  EXPECT_EQ(header.substr(18, 2), std::string("\x02\x02", 2));
+  EXPECT_FALSE(std::filesystem::exists(home.store_file().string() + "-wal"));
+  EXPECT_TRUE(home.defaults()->hasExistingOrviaInstall());
+  {
+    LogCapture log;
+    auto missing = attach_store((home.path() / "nowhere.db").string(), home.defaults());
+    EXPECT_FALSE(missing.ok());
+    EXPECT_EQ(lines_starting(log, "Failed to initalize persistent store: ").size(), 1u);
+  }
+  auto accounts = store->currentAccounts();
+  ASSERT_TRUE(accounts);
+  ASSERT_EQ(accounts->size(), 2u);
+  EXPECT_EQ(text_of((*accounts)[0]->userid().get()), "1001");
+  EXPECT_EQ((*accounts)[1]->objectURI(), "x-coredata://" + std::string(Store::kDefaultUUID) + "/Account/p2");
+  auto albums = store->currentAlbums();
+  ASSERT_TRUE(albums);
+  ASSERT_EQ(albums->size(), 3u);  // by title
+  EXPECT_EQ(text_of((*albums)[0]->title().get()), "Beach");
+  EXPECT_EQ(text_of((*albums)[1]->title().get()), "City");
+  EXPECT_EQ((*albums)[0]->objectURI(), album_uri(beach));
+  auto images = (*albums)[0]->images();
+  ASSERT_TRUE(images);
+  ASSERT_EQ(images->size(), 2u);
+  EXPECT_EQ((*images)[0]->objectURI(), home.store().uri(Store::kImageItem, first));
+  auto friends = store->currentFriendsInAccount((*accounts)[0].get());
+  ASSERT_EQ(friends.size(), 2u);
+  EXPECT_EQ(friends[0]->objectURI(), friend_uri(carol));
+  EXPECT_EQ(friends[1]->objectURI(), friend_uri(dave));
+  EXPECT_EQ(store->currentFriendsInAccount(nullptr).size(), 1u);
+}
+
+TEST_F(AlbumFriendNodes, FiledAlbumCarriesTheStoreTitleAndConvertedMedia) {
+  auto ctx = context(account(ann));
+  LogCapture log;
+  auto node = albumNodeFromItem(*entry(kFolderAlbumsIdentifier, "My beach", album_id(album_uri(beach))), *ctx);
+  auto* album = dynamic_cast<MQImporterNodeAlbum*>(node.get());
+  ASSERT_NE(album, nullptr);
+  EXPECT_EQ(album->type, MQImporterNodeTypeAlbum);
+  EXPECT_EQ(text_of(album->identifier.get()), album_id(album_uri(beach)));
+  EXPECT_EQ(text_of(album->albumName.get()), "Beach");  // the store's, not the sidebar's
+  EXPECT_FALSE(album->isRoot || album->ignoreInExport);
+  const Array* items = as_array(album->items.get());
+  ASSERT_NE(items, nullptr);
+  ASSERT_EQ(items->size(), 2u);  // one converted dictionary per image, in the relationship's order
+  const char* ids[] = {"111_1", "222_1"};
+  const char* codes[] = {"AAA", ""};
+  for (std::size_t i = 0; i < 2; ++i) {
+    const Dictionary* media = as_dict(items->at(i).get());
+    ASSERT_NE(media, nullptr);
+    EXPECT_EQ(text_of(media->get("id")), ids[i]);
+    EXPECT_EQ(text_of(media->get("code")), codes[i]);
+    const Number* converted = as_number(media->get("converted_from_orvia4"));
+    ASSERT_NE(converted, nullptr);
+    EXPECT_TRUE(converted->is_bool() && converted->bool_value());
+  }
+  EXPECT_EQ(as_number(as_dict(items->at(1).get())->get("media_type"))->int_value(), 2);  // the video
+  EXPECT_TRUE(log.lines().empty());
+  EXPECT_FALSE(ctx->messages);
+
+  auto none = albumNodeFromItem(*entry(kFolderAlbumsIdentifier, "Nothing", album_id(album_uri(empty))), *ctx);
+  ASSERT_NE(none, nullptr);
+  EXPECT_TRUE(as_array(static_cast<MQImporterNodeAlbum*>(none.get())->items.get())->empty());
+}
+
+TEST_F(AlbumFriendNodes, AlbumEntriesThatMatchNoAlbum) {
+  struct Row {
+    const char* why;
+    std::string identifier;
+  };
+  const std::vector<Row> rows = {
+      {"deleted album", album_id(album_uri(99))},
+      {"a favourite friend's prefix", friend_id(album_uri(beach))},
+      {"another store's UUID", "ff-x-coredata://00000000-0000-0000-0000-000000000000/ImageList/p1"},
+      {"letter case", album_id(album_uri(beach)).replace(0, 2, "FF")},
+  };
+  auto ctx = context(account(ann));
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.why);
+    LogCapture log;
+    ctx->messages = nullptr;
+    EXPECT_EQ(albumNodeFromItem(*entry(kFolderAlbumsIdentifier, "Gone", row.identifier), *ctx), nullptr);
+    EXPECT_EQ(log.lines(), std::vector<std::string>{"no album for identifier " + row.identifier + " found"});
+    EXPECT_EQ(messages_of(*ctx), std::vector<std::string>{"Unknown album: 'Gone'"});
+  }
+  // An entry without identifier or title.
+  LogCapture log;
+  ctx->messages = nullptr;
+  auto bare = OutlineFolderItem::init();
+  bare->type = str(kFolderAlbumsIdentifier);
+  EXPECT_EQ(albumNodeFromItem(*bare, *ctx), nullptr);
+  EXPECT_EQ(log.lines(), std::vector<std::string>{"no album for identifier (null) found"});
+  EXPECT_EQ(messages_of(*ctx), std::vector<std::string>{"Unknown album: '(null)'"});
+}
+
+TEST_F(AlbumFriendNodes, UnfiledAlbumsKeepTheStoreOrderAndSkipEveryFiledOne) {
+  auto ctx = context(account(ann));
+  // Nothing filed anywhere: every album, by title, with its media.
+  auto unfiled = nonFoldarizedAlbumswithContext(*ctx, *model("1001"));
+  auto all = nodes_of<MQImporterNodeAlbum>(unfiled.get());
+  ASSERT_EQ(all.size(), 3u);
+  EXPECT_EQ(text_of(all[0]->albumName.get()), "Beach");
+  EXPECT_EQ(text_of(all[1]->albumName.get()), "City");
+  EXPECT_EQ(text_of(all[2]->albumName.get()), "Empty");
+  EXPECT_EQ(as_array(all[0]->items.get())->size(), 2u);
+  EXPECT_EQ(as_array(all[1]->items.get())->size(), 1u);
+
+  // Beach is filed in the shared albums folder (every user's); City's entry stands in the tags folder
+  // of ann's own tree, which files it for ann only.
+  auto shared_root = sidebar_root();
+  auto albums = add_base_folder(*shared_root, kFolderAlbumsIdentifier);
+  add_entry(*add_folder(*albums, "Trips"), "beach", album_id(album_uri(beach)));
+  home.set_sidebar(kSharedAlbumsUser, albums);
+  auto root = sidebar_root();
+  add_entry(*add_base_folder(*root, kFolderTagsIdentifier), "city", album_id(album_uri(city)));
+  home.set_sidebar("1001", root);
+  attach();
+  struct Row {
+    const char* user;
+    std::vector<std::string> titles;
+  };
+  for (const Row& row : {Row{"1001", {"Empty"}}, Row{"2002", {"City", "Empty"}}}) {
+    SCOPED_TRACE(row.user);
+    auto list = nonFoldarizedAlbumswithContext(*ctx, *model(row.user));
+    ASSERT_NE(list, nullptr);
+    EXPECT_FALSE(list->is_mutable());
+    std::vector<std::string> titles;
+    for (auto* a : nodes_of<MQImporterNodeAlbum>(list.get())) {
+      titles.emplace_back(text_of(a->albumName.get()));
+      EXPECT_EQ(text_of(a->identifier.get()), album_id(album_uri(titles.back() == "Empty" ? empty : city)));
+    }
+    EXPECT_EQ(titles, row.titles);
+  }
+  EXPECT_FALSE(ctx->messages);
+}
+
+TEST_F(AlbumFriendNodes, FiledFriendCopiesTheRecord) {
+  auto ctx = context(account(ann));
+  LogCapture log;
+  auto node = friendNodeFromItem(*entry(kFolderFavFriendIdentifier, "Carol C.", friend_id(friend_uri(carol))), *ctx);
+  auto* f = dynamic_cast<MQImporterNodeFriend*>(node.get());
+  ASSERT_NE(f, nullptr);
+  EXPECT_EQ(f->type, MQImporterNodeTypeFriend);
+  EXPECT_EQ(text_of(f->identifier.get()), friend_id(friend_uri(carol)));
+  EXPECT_EQ(f->mediaCount, 42u);
+  ASSERT_NE(as_date(f->added.get()), nullptr);
+  EXPECT_EQ(as_date(f->added.get())->time(), 1000.5);
+  EXPECT_EQ(text_of(f->imageURLString.get()), "https://img.example/carol.jpg");
+  EXPECT_EQ(text_of(f->username.get()), "carol");  // the record's name, not the sidebar title
+  EXPECT_EQ(text_of(f->uid.get()), "31");
+  EXPECT_FALSE(f->isRoot || f->ignoreInExport);
+
+  // A record with only a name: no media count (0) and no other field.
+  auto sparse = friendNodeFromItem(*entry(kFolderFavFriendIdentifier, "d", friend_id(friend_uri(dave))), *ctx);
+  auto* d = dynamic_cast<MQImporterNodeFriend*>(sparse.get());
+  ASSERT_NE(d, nullptr);
+  EXPECT_EQ(d->mediaCount, 0u);
+  EXPECT_FALSE(d->added || d->imageURLString || d->uid);
+  EXPECT_TRUE(log.lines().empty());
+  EXPECT_FALSE(ctx->messages);
+}
+
+TEST_F(AlbumFriendNodes, FriendEntriesOutsideTheContextsAccount) {
+  struct Row {
+    const char* why;
+    bool with_account;  // ann's context, or the shared album context without account
+    std::string identifier;
+    bool found;
+  };
+  const std::vector<Row> rows = {
+      {"another account's favourite", true, friend_id(friend_uri(erin)), false},
+      {"a favourite of no account", true, friend_id(friend_uri(frank)), false},
+      {"an album's prefix", true, album_id(friend_uri(carol)), false},
+      {"a removed favourite", true, friend_id(friend_uri(77)), false},
+      {"no account: ann's favourite", false, friend_id(friend_uri(carol)), false},
+      {"no account: a favourite of no account", false, friend_id(friend_uri(frank)), true},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.why);
+    auto ctx = context(row.with_account ? account(ann) : nullptr);
+    LogCapture log;
+    auto node = friendNodeFromItem(*entry(kFolderFavFriendIdentifier, "Pal", row.identifier), *ctx);
+    EXPECT_EQ(node != nullptr, row.found);
+    if (row.found) {
+      EXPECT_TRUE(log.lines().empty());
+      EXPECT_FALSE(ctx->messages);
+    } else {
+      EXPECT_EQ(log.lines(), std::vector<std::string>{"no friend for identifier " + row.identifier + " found"});
+      EXPECT_EQ(messages_of(*ctx), std::vector<std::string>{"Unknown favorite friend: 'Pal'"});
+    }
+  }
+}
+
+TEST_F(AlbumFriendNodes, UnfiledFriendsAreTheContextAccountsOnly) {
+  auto root = sidebar_root();
+  add_entry(*add_base_folder(*root, kFolderFavFriendIdentifier), "carol", friend_id(friend_uri(carol)));
+  home.set_sidebar("1001", root);
+  struct Row {
+    const char* why;
+    std::int64_t account;  // 0: no account
+    const char* user;
+    std::vector<std::string> names;
+  };
+  const std::vector<Row> rows = {
+      {"ann, carol filed", ann, "1001", {"dave"}},
+      {"ann, nothing filed", ann, "2002", {"carol", "dave"}},
+      {"bob", bob, "2002", {"erin"}},
+      {"no account", 0, "*--*albums*--*", {"frank"}},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.why);
+    auto ctx = context(row.account ? account(row.account) : nullptr);
+    auto list = nonFoldarizedFriendswithContext(*ctx, *model(row.user));
+    ASSERT_NE(list, nullptr);
+    EXPECT_FALSE(list->is_mutable());
+    std::vector<std::string> names;
+    for (auto* f : nodes_of<MQImporterNodeFriend>(list.get())) names.emplace_back(text_of(f->username.get()));
+    EXPECT_EQ(names, row.names);
+    EXPECT_FALSE(ctx->messages);
+  }
+}
+
+}  // namespace
+}  // namespace orvia::test

@@ -1,0 +1,400 @@
+// Entry dispatch, folder nodes and the export of a whole sidebar model into the category trees of one
+// import result.
+#include <gtest/gtest.h>
+
+#include "nodes/folder_export.h"
+#include "nodes_fixture.h"
+
+namespace orvia::test {
+namespace {
+
+class DispatchExport : public NodesTest {
+ protected:
+  void SetUp() override {
+    NodesTest::SetUp();
+    LegacyStore& s = home.store();
+    ann = s.add_account("1001", "ann");
+    beach = s.add_album("Beach", 1);
+    s.add_image(beach, media_archive(*older_media("1_1", "https://ig.example/p/A")));
+    carol = s.add_friend({.uid = "31", .name = "carol", .account = ann});
+    home.set_in("FavoriteSidebarTags", "1001",
+                array({dict({{"tag", str("sunset")}, {"count", num(5)}}), dict({{"tag", str("zeta")}}),
+                       dict({{"tag", str("alpha")}})}));
+    home.set_in("FavoriteSidebarLocations", "1001",
+                array({dict({{"id", str("1")}, {"name", str("One")}}), dict({{"id", str("2")}, {"name", str("Two")}}),
+                       dict({{"id", str("3")}, {"name", str("Three")}}), dict({{"id", str("7")}, {"name", str("zulu")}}),
+                       dict({{"id", str("8")}, {"name", str("alpha")}})}));
+  }
+  std::string beach_id() { return album_id(home.store().uri(LegacyStore::kImageList, beach)); }
+  std::string carol_id() { return friend_id(home.store().uri(LegacyStore::kFriend, carol)); }
+  // A valid identifier for an entry of the category.
+  std::string valid_id(std::string_view type) {
+    if (type == kFolderAlbumsIdentifier) return beach_id();
+    if (type == kFolderFavFriendIdentifier) return carol_id();
+    if (type == kFolderLocationsIdentifier) return location_id("1");
+    return favtag_id("sunset");
+  }
+  static MQImporterNodeFolder* folder(const Ref<Object>& o) { return dynamic_cast<MQImporterNodeFolder*>(o.get()); }
+
+  std::int64_t ann = 0, beach = 0, carol = 0;
+};
+
+TEST_F(DispatchExport, EveryContextKeepsItsOwnMessages) {
+  auto lookups = std::make_shared<ImportLookups>();
+  auto first = MQImporterContext::contextWithDefaults(home.defaults(), account(ann), store, lookups);
+  auto second = MQImporterContext::contextWithDefaults(home.defaults(), nullptr, store, lookups);
+  EXPECT_FALSE(first->messages);  // no list before the first message
+  first->storeMessage("same");
+  first->storeMessage("same");
+  second->storeMessage("other");
+  EXPECT_EQ(messages_of(*first), (std::vector<std::string>{"same", "same"}));
+  EXPECT_EQ(messages_of(*second), std::vector<std::string>{"other"});
+  EXPECT_EQ(second->account, nullptr);
+
+  // Builders of both contexts leave their messages in their own context.
+  auto root = sidebar_root();
+  auto gone = add_entry(*add_base_folder(*root, kFolderAlbumsIdentifier), "gone", album_id("x"));
+  EXPECT_EQ(nodeFromItem(*gone, kFolderAlbumsIdentifier, *second), nullptr);
+  EXPECT_EQ(messages_of(*first), (std::vector<std::string>{"same", "same"}));
+  EXPECT_EQ(messages_of(*second), (std::vector<std::string>{"other", "Unknown album: 'gone'"}));
+}
+
+TEST_F(DispatchExport, EntriesAreBuiltByTheirOwnType) {
+  enum Want { Tag, Album, Friend, Location, None };
+  struct Row {
+    const char* why;
+    Ref<Object> type;
+    std::string_view category;
+    Want want;
+  };
+  const std::vector<Row> rows = {
+      {"tag in the tags tree", str(kFolderTagsIdentifier), kFolderTagsIdentifier, Tag},
+      {"tag in the albums tree", str(kFolderTagsIdentifier), kFolderAlbumsIdentifier, Tag},
+      {"album in the tags tree", str(kFolderAlbumsIdentifier), kFolderTagsIdentifier, Album},
+      {"favourite friend", str(kFolderFavFriendIdentifier), kFolderFavFriendIdentifier, Friend},
+      {"location", str(kFolderLocationsIdentifier), kFolderLocationsIdentifier, Location},
+      {"letter case", str("com.brenvik.velmora.foldertagsidentifier"), kFolderTagsIdentifier, None},
+      {"a result key", str("tags"), kFolderTagsIdentifier, None},
+      {"no type", nullptr, kFolderAlbumsIdentifier, None},
+  };
+  auto ctx = context(account(ann));
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.why);
+    ctx->messages = nullptr;
+    auto root = sidebar_root();
+    auto item = add_entry(*add_base_folder(*root, row.category), "Entry", valid_id(text_of(row.type.get())));
+    item->type = row.type;
+    LogCapture log;
+    Ref<MQImporterNode> node = nodeFromItem(*item, row.category, *ctx);
+    switch (row.want) {
+      case Tag: EXPECT_NE(dynamic_cast<MQImporterNodeTag*>(node.get()), nullptr); break;
+      case Album: EXPECT_NE(dynamic_cast<MQImporterNodeAlbum*>(node.get()), nullptr); break;
+      case Friend: EXPECT_NE(dynamic_cast<MQImporterNodeFriend*>(node.get()), nullptr); break;
+      case Location: EXPECT_NE(dynamic_cast<MQImporterNodeLocation*>(node.get()), nullptr); break;
+      case None: EXPECT_EQ(node, nullptr); break;
+    }
+    if (row.want == None) {
+      const std::string type = row.type ? std::string(text_of(row.type.get())) : "(null)";
+      EXPECT_EQ(log.lines(), std::vector<std::string>{"Invalid Node Type: " + type + " (category: " +
+                                                      std::string(row.category) + ")"});
+      EXPECT_EQ(messages_of(*ctx), std::vector<std::string>{"Could not export 'Entry'"});
+    } else {
+      EXPECT_TRUE(log.lines().empty());
+      EXPECT_FALSE(ctx->messages);
+    }
+  }
+}
+
+TEST_F(DispatchExport, FolderNodes) {
+  struct Row {
+    std::string_view category;
+    std::uint64_t contents;
+  };
+  const Row rows[] = {
+      {kFolderFavFriendIdentifier, 4}, {kFolderAlbumsIdentifier, 2},
+      {kFolderTagsIdentifier, 1},      {kFolderLocationsIdentifier, 3},
+      {"tags", 0},                     {"com.brenvik.velmora.folderlocationsidentifier", 0},
+      {"", 0},
+  };
+  auto ctx = context(nullptr);
+  auto root = sidebar_root();
+  auto trips = add_folder(*add_base_folder(*root, kFolderTagsIdentifier), "Trips");
+  add_entry(*trips, "sunset", favtag_id("sunset"));
+  add_folder(*trips, "Inner");
+  auto untitled = add_folder(*root, "");
+  untitled->title = nullptr;
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.category);
+    for (const auto& item : {trips, untitled}) {
+      LogCapture log;
+      auto node = folderNode(*item, row.category, *ctx);
+      ASSERT_NE(node, nullptr);
+      EXPECT_EQ(node->type, MQImporterNodeTypeFolder);
+      EXPECT_EQ(node->contentsType, row.contents);
+      EXPECT_EQ(node->title.get(), item->title.get());  // unchanged, a missing title included
+      ASSERT_NE(node->childList(), nullptr);
+      EXPECT_TRUE(node->childList()->empty());  // whatever the item holds
+      EXPECT_EQ(node->identifier, nullptr);
+      EXPECT_FALSE(node->isRoot || node->ignoreInExport);
+      EXPECT_TRUE(log.lines().empty());
+    }
+  }
+  EXPECT_FALSE(ctx->messages);
+}
+
+TEST_F(DispatchExport, UnfiledDispatch) {
+  auto ctx = context(account(ann));
+  auto m = model("1001");
+  const std::pair<std::string_view, std::uint64_t> known[] = {{kFolderFavFriendIdentifier, MQImporterNodeTypeFriend},
+                                                               {kFolderAlbumsIdentifier, MQImporterNodeTypeAlbum},
+                                                               {kFolderTagsIdentifier, MQImporterNodeTypeTag},
+                                                               {kFolderLocationsIdentifier, MQImporterNodeTypeLocation}};
+  for (const auto& [category, type] : known) {
+    SCOPED_TRACE(category);
+    auto list = nonFoldarizedItemsInCategory(category, *ctx, *m);
+    ASSERT_NE(list, nullptr);
+    ASSERT_FALSE(list->empty());
+    for (auto* node : nodes_of(list.get())) EXPECT_EQ(node->type, type);
+  }
+  for (std::string_view unknown : {std::string_view("tags"), std::string_view("com.brenvik.velmora.folderTagsIdentifierX")}) {
+    LogCapture log;
+    EXPECT_EQ(nonFoldarizedItemsInCategory(unknown, *ctx, *m), nullptr);
+    EXPECT_EQ(log.lines(), std::vector<std::string>{"Invalid Node Type: " + std::string(unknown)});
+  }
+  EXPECT_FALSE(ctx->messages);
+}
+
+TEST_F(DispatchExport, UserWithoutStoredTreeGetsOnlyUnfiledFavourites) {
+  auto ctx = context(account(ann));
+  auto result = folderTreeWithContext(*model("1001"), *ctx);
+  struct Row {
+    Ref<Object> field;
+    std::string_view base;
+    std::uint64_t contents;
+    std::vector<std::string> labels;
+  };
+  const Row rows[] = {
+      {result->tags, kFolderTagsIdentifier, 1, {"sunset", "zeta", "alpha"}},
+      {result->albums, kFolderAlbumsIdentifier, 2, {"Beach"}},
+      {result->friends, kFolderFavFriendIdentifier, 4, {"carol"}},
+      {result->locations, kFolderLocationsIdentifier, 3, {"One", "Two", "Three", "zulu", "alpha"}},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.base);
+    MQImporterNodeFolder* root = folder(row.field);
+    ASSERT_NE(root, nullptr);
+    EXPECT_TRUE(root->isRoot);
+    EXPECT_EQ(text_of(root->identifier.get()), row.base);
+    EXPECT_EQ(text_of(root->title.get()), row.base);  // a base folder the model made
+    EXPECT_EQ(root->contentsType, row.contents);
+    EXPECT_EQ(child_labels(*root), row.labels);
+  }
+  EXPECT_FALSE(result->account || result->blacklist || result->statistics);
+}
+
+TEST_F(DispatchExport, SharedAlbumModelHasOnlyTheAlbumsTree) {
+  auto root = sidebar_root();
+  auto albums = add_base_folder(*root, kFolderAlbumsIdentifier);
+  albums->title = str("Shared Albums");
+  add_entry(*add_folder(*albums, "Trips"), "My beach", beach_id());
+  home.set_sidebar(kSharedAlbumsUser, albums);
+  auto ctx = context(nullptr);
+  LogCapture log;
+  auto result = folderTreeWithContext(*model(kSharedAlbumsUser), *ctx);
+  EXPECT_EQ(lines_starting(log, "Unknown item"),
+            (std::vector<std::string>{"Unknown item com.brenvik.velmora.folderTagsIdentifier",
+                                      "Unknown item com.brenvik.velmora.folderFavFriendIdentifier",
+                                      "Unknown item com.brenvik.velmora.folderLocationsIdentifier"}));
+  EXPECT_FALSE(result->tags || result->friends || result->locations);
+  MQImporterNodeFolder* tree = folder(result->albums);
+  ASSERT_NE(tree, nullptr);
+  EXPECT_EQ(text_of(tree->title.get()), "Shared Albums");  // a stored base folder keeps its title
+  EXPECT_EQ(text_of(tree->identifier.get()), kFolderAlbumsIdentifier);
+  EXPECT_EQ(child_labels(*tree), std::vector<std::string>{"Trips"});  // Beach is filed: nothing unfiled
+  auto trips = nodes_of<MQImporterNodeFolder>(tree->children.get());
+  ASSERT_EQ(trips.size(), 1u);
+  EXPECT_EQ(child_labels(*trips[0]), std::vector<std::string>{"Beach"});
+  EXPECT_FALSE(ctx->messages);
+}
+
+TEST_F(DispatchExport, SortedByTitleAtEveryLevelUnfiledAfterAndUnsorted) {
+  auto root = sidebar_root();
+  add_base_folder(*root, kFolderTagsIdentifier);
+  add_base_folder(*root, kFolderFavFriendIdentifier);
+  auto places = add_base_folder(*root, kFolderLocationsIdentifier);
+  add_entry(*places, "b", location_id("1"));
+  add_entry(*places, "B", location_id("2"));
+  auto nine = add_folder(*places, "Folder 9");
+  add_entry(*places, "a", location_id("3"));
+  auto ten = add_folder(*places, "Folder 10");
+  add_entry(*ten, "z", location_id("1"));
+  auto deeper = add_folder(*ten, "Y folder");
+  add_entry(*deeper, "y2", location_id("2"));
+  add_entry(*deeper, "Y1", location_id("3"));
+  add_entry(*ten, "Z", location_id("2"));
+  add_entry(*nine, "\xC3\xA9t\xC3\xA9", location_id("1"));  // after every ASCII title
+  add_entry(*nine, "~", location_id("2"));
+  home.set_sidebar("1001", root);
+  auto ctx = context(account(ann));
+  auto result = folderTreeWithContext(*model("1001"), *ctx);
+  MQImporterNodeFolder* tree = folder(result->locations);
+  ASSERT_NE(tree, nullptr);
+  // Filed content sorted (folders among entries), then the unfiled in their stored order.
+  EXPECT_EQ(child_labels(*tree), (std::vector<std::string>{"B", "Folder 10", "Folder 9", "a", "b", "zulu", "alpha"}));
+  auto kids = nodes_of(tree->children.get());
+  MQImporterNodeFolder* ten_node = dynamic_cast<MQImporterNodeFolder*>(kids[1]);
+  MQImporterNodeFolder* nine_node = dynamic_cast<MQImporterNodeFolder*>(kids[2]);
+  ASSERT_TRUE(ten_node && nine_node);
+  EXPECT_EQ(child_labels(*ten_node), (std::vector<std::string>{"Y folder", "Z", "z"}));
+  EXPECT_EQ(child_labels(*nine_node), (std::vector<std::string>{"~", "\xC3\xA9t\xC3\xA9"}));
+  auto* y_node = dynamic_cast<MQImporterNodeFolder*>(nodes_of(ten_node->children.get())[0]);
+  ASSERT_NE(y_node, nullptr);
+  EXPECT_EQ(child_labels(*y_node), (std::vector<std::string>{"Y1", "y2"}));
+
+  // Only the four roots carry isRoot and an identifier; every folder below has neither and the
+  // category's contents code.
+  for (const Ref<Object>& field : {result->tags, result->albums, result->friends, result->locations}) {
+    ASSERT_NE(folder(field), nullptr);
+    EXPECT_TRUE(folder(field)->isRoot);
+    std::vector<MQImporterNodeFolder*> stack = {folder(field)};
+    const std::uint64_t contents = folder(field)->contentsType;
+    while (!stack.empty()) {
+      MQImporterNodeFolder* f = stack.back();
+      stack.pop_back();
+      for (MQImporterNode* n : nodes_of(f->children.get())) {
+        EXPECT_FALSE(n->isRoot);
+        if (auto* sub = dynamic_cast<MQImporterNodeFolder*>(n)) {
+          EXPECT_EQ(sub->identifier, nullptr);
+          EXPECT_EQ(sub->contentsType, contents);
+          stack.push_back(sub);
+        }
+      }
+    }
+  }
+}
+
+TEST_F(DispatchExport, VisitOrderAndEntriesWithoutNode) {
+  auto shared_root = sidebar_root();
+  auto shared = add_base_folder(*shared_root, kFolderAlbumsIdentifier);
+  add_entry(*shared, "lost album", album_id(home.store().uri(LegacyStore::kImageList, 99)));
+  add_entry(*shared, "sunset in albums", favtag_id("sunset"), kFolderTagsIdentifier);
+  home.set_sidebar(kSharedAlbumsUser, shared);
+  auto root = sidebar_root();
+  // Base folders stored in another order than the visit order.
+  add_entry(*add_base_folder(*root, kFolderLocationsIdentifier), "lost place", location_id("404"));
+  add_entry(*add_base_folder(*root, kFolderFavFriendIdentifier), "lost pal",
+            friend_id(home.store().uri(LegacyStore::kFriend, 99)));
+  auto tags = add_base_folder(*root, kFolderTagsIdentifier);
+  add_folder(*tags, "Empty");
+  auto broken = add_folder(*tags, "Broken");
+  add_entry(*broken, "lost tag", favtag_id("nope"));
+  add_entry(*broken, "odd", "odd-1", "com.brenvik.velmora.folderTagsidentifier");
+  home.set_sidebar("1001", root);
+
+  auto ctx = context(account(ann));
+  auto m = model("1001");
+  LogCapture log;
+  auto result = folderTreeWithContext(*m, *ctx);
+  auto line = [&](std::string_view id, std::string_view category) {
+    Ref<OutlineFolderItem> item = m->itemForIdentifier(id);
+    EXPECT_NE(item, nullptr) << id;
+    return "invalid imported node for " + (item ? item->description() : std::string()) + " in " +
+           std::string(category);
+  };
+  EXPECT_EQ(lines_starting(log, "invalid imported node"),
+            (std::vector<std::string>{line(favtag_id("nope"), kFolderTagsIdentifier),
+                                      line("odd-1", kFolderTagsIdentifier),
+                                      line(album_id(home.store().uri(LegacyStore::kImageList, 99)), kFolderAlbumsIdentifier),
+                                      line(friend_id(home.store().uri(LegacyStore::kFriend, 99)), kFolderFavFriendIdentifier),
+                                      line(location_id("404"), kFolderLocationsIdentifier)}));
+  EXPECT_EQ(messages_of(*ctx), (std::vector<std::string>{"Could not export 'odd'", "Unknown album: 'lost album'",
+                                                        "Unknown favorite friend: 'lost pal'"}));
+
+  // Empty folders stay, as folders without children.
+  MQImporterNodeFolder* tag_tree = folder(result->tags);
+  ASSERT_NE(tag_tree, nullptr);
+  EXPECT_EQ(child_labels(*tag_tree), (std::vector<std::string>{"Broken", "Empty", "zeta", "alpha"}));
+  for (auto* sub : {nodes_of<MQImporterNodeFolder>(tag_tree->children.get())[0],
+                    nodes_of<MQImporterNodeFolder>(tag_tree->children.get())[1]}) {
+    ASSERT_NE(sub, nullptr);
+    ASSERT_NE(sub->childList(), nullptr);
+    EXPECT_TRUE(sub->childList()->empty());
+  }
+  // The tag entry of the albums folder is a tag node of the albums tree; Beach is unfiled.
+  MQImporterNodeFolder* album_tree = folder(result->albums);
+  ASSERT_NE(album_tree, nullptr);
+  auto album_kids = nodes_of(album_tree->children.get());
+  ASSERT_EQ(album_kids.size(), 2u);
+  auto* tag = dynamic_cast<MQImporterNodeTag*>(album_kids[0]);
+  ASSERT_NE(tag, nullptr);
+  EXPECT_EQ(text_of(tag->tagName.get()), "sunset");
+  EXPECT_EQ(tag->tagCount, 5u);
+  EXPECT_NE(dynamic_cast<MQImporterNodeAlbum*>(album_kids[1]), nullptr);
+}
+
+TEST_F(DispatchExport, VeryDeepFolderExports) {
+  constexpr int kDepth = 100000;
+  auto root = sidebar_root();
+  Ref<OutlineFolderItem> at = add_base_folder(*root, kFolderTagsIdentifier);
+  for (int i = 0; i < kDepth; ++i) at = add_folder(*at, "f", std::to_string(i).insert(0, 1, 'f'));
+  add_entry(*at, "sunset", favtag_id("sunset"));
+  home.set_sidebar("1001", root);
+  at = nullptr;
+
+  auto ctx = context(account(ann));
+  auto result = folderTreeWithContext(*model("1001"), *ctx);
+  MQImporterNodeFolder* f = folder(result->tags);
+  ASSERT_NE(f, nullptr);
+  int depth = 0;
+  MQImporterNode* leaf = nullptr;
+  while (f) {
+    auto kids = nodes_of(f->children.get());
+    ASSERT_FALSE(kids.empty()) << "at depth " << depth;
+    MQImporterNodeFolder* next = dynamic_cast<MQImporterNodeFolder*>(kids[0]);
+    if (!next) leaf = kids[0];
+    f = next;
+    depth += next ? 1 : 0;
+  }
+  EXPECT_EQ(depth, kDepth);
+  ASSERT_NE(dynamic_cast<MQImporterNodeTag*>(leaf), nullptr);
+}
+
+TEST_F(DispatchExport, FoldersThatRecurOrLoopExportOnce) {
+  auto root = sidebar_root();
+  auto tags = add_base_folder(*root, kFolderTagsIdentifier);
+  // A folder that holds its own ancestor, and a chain of 64 folders each holding the next one twice.
+  auto loop = add_folder(*tags, "Loop");
+  add_entry(*loop, "sunset", favtag_id("sunset"));
+  loop->childList()->push_back(tags);
+  Ref<OutlineFolderItem> at = add_folder(*tags, "Twice");
+  for (int i = 0; i < 64; ++i) {
+    auto next = add_folder(*at, "t", std::to_string(i).insert(0, 1, 't'));
+    at->childList()->push_back(next);
+    at = next;
+  }
+  at = nullptr;
+  home.set_sidebar("1001", root);
+  auto ctx = context(account(ann));
+  auto m = model("1001");
+  LogCapture log;
+  auto result = folderTreeWithContext(*m, *ctx);
+  MQImporterNodeFolder* tree = folder(result->tags);
+  ASSERT_NE(tree, nullptr);
+  EXPECT_EQ(child_labels(*tree), (std::vector<std::string>{"Loop", "Twice", "zeta", "alpha"}));
+  auto kids = nodes_of<MQImporterNodeFolder>(tree->children.get());
+  EXPECT_EQ(child_labels(*kids[0]), std::vector<std::string>{"sunset"});  // the ancestor is left out
+  int depth = 0;
+  for (MQImporterNodeFolder* f = kids[1]; f; ++depth) {
+    auto below = nodes_of<MQImporterNodeFolder>(f->children.get());
+    ASSERT_LE(below.size(), 1u);  // the second reference is left out
+    f = below.empty() ? nullptr : below[0];
+  }
+  EXPECT_EQ(depth, 65);
+  EXPECT_EQ(lines_starting(log, "invalid imported node").size(), 65u);
+  EXPECT_EQ(lines_starting(log, "invalid imported node")[0],
+            "invalid imported node for " + m->itemForIdentifier(kFolderTagsIdentifier)->description() + " in " +
+                std::string(kFolderTagsIdentifier));
+}
+
+}  // namespace
+}  // namespace orvia::test
