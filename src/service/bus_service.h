@@ -1,0 +1,55 @@
+// The importer's front on the session bus: owns the name, offers the one method, and sends one reply per
+// call. Calls arrive on the thread that runs the service (the bus thread); the reply may come later from
+// any thread, and the bus thread sends it.
+//
+// Every call is answered exactly once: the first reply wins and later ones are logged and dropped; a
+// handler that throws, or that lets go of its reply callback without calling it, answers (NO, nil).
+//
+// Idle exit: when no call is outstanding and none has arrived for the idle time, the service releases
+// its name, answers any call that reached it before the release, and returns; the bus starts a new
+// instance for the next call.
+#pragma once
+
+#include <chrono>
+#include <functional>
+#include <memory>
+#include <string>
+
+namespace orvia::service {
+
+struct BusServiceOptions {
+  // Zero: never leave on idle.
+  std::chrono::milliseconds idle_exit = std::chrono::seconds(60);
+  // The bus to serve; empty: the session bus (DBUS_SESSION_BUS_ADDRESS).
+  std::string bus_address;
+};
+
+// (success, archive or null). A success always carries an archive: a success with null is sent as
+// (NO, nil). Any thread; the bytes are copied before it returns.
+using BusReply = std::function<void(bool success, const std::string* archive_or_null)>;
+// Called on the bus thread for every call, with that call's reply callback.
+using RequestHandler = std::function<void(BusReply reply)>;
+
+class BusService {
+ public:
+  BusService(BusServiceOptions options, RequestHandler handler);
+  ~BusService();
+  BusService(const BusService&) = delete;
+  BusService& operator=(const BusService&) = delete;
+
+  // Connects, offers the method, takes the name and serves until idle exit or stop(). Returns 0 after
+  // an idle exit or stop(), 1 when the bus cannot be reached, the name is taken, or the bus goes away.
+  int run();
+  // Any thread: leave as on idle exit, as soon as no call is outstanding.
+  void stop();
+
+ private:
+  struct Impl;
+  std::shared_ptr<Impl> impl_;
+};
+
+inline int run_bus_service(const BusServiceOptions& options, RequestHandler handler) {
+  return BusService(options, std::move(handler)).run();
+}
+
+}  // namespace orvia::service

@@ -1,0 +1,51 @@
+#include "service/import_request.h"
+
+#include <atomic>
+#include <chrono>
+#include <memory>
+
+#include "platform/keyed_archive.h"
+#include "platform/log.h"
+#include "platform/queue.h"
+#include "service/mq_orvia4_importer.h"
+
+namespace orvia::service {
+
+void handle_import_request(ImportReply reply) {
+  // A new driver for this request alone; the completion archives the results and replies once.
+  auto replied = std::make_shared<std::atomic<bool>>(false);
+  auto completion = [reply, replied](bool success, Ref<Array> results) {
+    if (replied->exchange(true)) return;
+    if (!success) {
+      reply(false, std::nullopt);
+      return;
+    }
+    reply(true, archive_root(results.get()));
+  };
+  try {
+    MQOrvia4Importer::init()->importDataWithCompletion(completion);
+  } catch (const std::exception& e) {
+    NSLog("import failed: %@", std::string(e.what()));
+    completion(false, nullptr);
+  }
+}
+
+ImportOutcome run_direct_import(const std::string& home) {
+  auto outcome = std::make_shared<ImportOutcome>();
+  auto done = std::make_shared<std::atomic<bool>>(false);
+  auto completion = [outcome, done](bool success, Ref<Array> results) {
+    if (done->load()) return;
+    outcome->success = success;
+    if (success) outcome->archive = archive_root(results.get());
+    done->store(true);
+  };
+  {
+    Ref<MQOrvia4Importer> importer = home.empty() ? MQOrvia4Importer::init() : MQOrvia4Importer::initWithHome(home);
+    importer->importDataWithCompletion(completion);
+  }
+  // This thread serves the main queue until the run has answered.
+  while (!done->load()) MainQueue::shared().drain(std::chrono::milliseconds(20));
+  return *outcome;
+}
+
+}  // namespace orvia::service

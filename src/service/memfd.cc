@@ -1,0 +1,79 @@
+#include "service/memfd.h"
+
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdint>
+#include <cstring>
+
+namespace orvia::service {
+namespace {
+
+Error errno_error(const char* what) { return Error{std::string(what) + ": " + std::strerror(errno)}; }
+
+}  // namespace
+
+void UniqueFd::reset(int fd) {
+  if (fd_ >= 0) ::close(fd_);
+  fd_ = fd;
+}
+
+int reply_seals() { return F_SEAL_SHRINK | F_SEAL_GROW | F_SEAL_WRITE | F_SEAL_SEAL; }
+
+Result<UniqueFd> make_sealed_memfd(std::string_view bytes, const char* name) {
+  UniqueFd fd(::memfd_create(name, MFD_CLOEXEC | MFD_ALLOW_SEALING));
+  if (!fd) return errno_error("memfd_create");
+  // Sizing first lets a short memory fail here (ENOSPC) rather than half-way through the writes.
+  if (::ftruncate(fd.get(), static_cast<off_t>(bytes.size())) != 0) return errno_error("ftruncate");
+  std::size_t done = 0;
+  while (done < bytes.size()) {
+    ssize_t n = ::pwrite(fd.get(), bytes.data() + done, bytes.size() - done, static_cast<off_t>(done));
+    if (n < 0) {
+      if (errno == EINTR) continue;
+      return errno_error("write to memfd");
+    }
+    done += static_cast<std::size_t>(n);
+  }
+  if (::fcntl(fd.get(), F_ADD_SEALS, reply_seals()) != 0) return errno_error("seal memfd");
+  return fd;
+}
+
+Result<std::string> read_whole_fd(int fd, std::size_t max_size) {
+  struct stat st {};
+  if (::fstat(fd, &st) != 0) return errno_error("fstat");
+  std::string out;
+  if (S_ISREG(st.st_mode)) {
+    if (st.st_size < 0 || static_cast<std::uint64_t>(st.st_size) > max_size) {
+      return Error{"archive of " + std::to_string(st.st_size) + " bytes is larger than allowed"};
+    }
+    out.resize(static_cast<std::size_t>(st.st_size));
+    std::size_t done = 0;
+    while (done < out.size()) {
+      ssize_t n = ::pread(fd, out.data() + done, out.size() - done, static_cast<off_t>(done));
+      if (n < 0) {
+        if (errno == EINTR) continue;
+        return errno_error("read archive");
+      }
+      if (n == 0) return Error{"archive ended after " + std::to_string(done) + " of " + std::to_string(out.size()) + " bytes"};
+      done += static_cast<std::size_t>(n);
+    }
+    return out;
+  }
+  // A pipe or socket: read to the end.
+  char buf[65536];
+  for (;;) {
+    ssize_t n = ::read(fd, buf, sizeof buf);
+    if (n < 0) {
+      if (errno == EINTR) continue;
+      return errno_error("read archive");
+    }
+    if (n == 0) return out;
+    if (out.size() + static_cast<std::size_t>(n) > max_size) return Error{"archive is larger than allowed"};
+    out.append(buf, static_cast<std::size_t>(n));
+  }
+}
+
+}  // namespace orvia::service

@@ -1,0 +1,140 @@
+#include "service/mq_orvia4_importer.h"
+
+#include <memory>
+
+#include "legacy/core_data_wrapper.h"
+#include "nodes/folder_export.h"
+#include "outline/outline_folder_model.h"
+#include "platform/format.h"
+#include "platform/log.h"
+
+namespace orvia {
+
+Ref<MQOrvia4Importer> MQOrvia4Importer::init() { return make<MQOrvia4Importer>(); }
+
+Ref<MQOrvia4Importer> MQOrvia4Importer::initWithHome(std::string home) {
+  auto importer = make<MQOrvia4Importer>();
+  importer->home_ = std::move(home);
+  return importer;
+}
+
+std::span<const std::string_view> MQOrvia4Importer::class_chain() const {
+  static constexpr std::string_view kChain[] = {"MQOrvia4Importer", "NSObject"};
+  return kChain;
+}
+
+void MQOrvia4Importer::importDataWithCompletion(Completion completion) {
+  Ref<MQUserDefaultsWrapper> defaults = home_.empty() ? MQUserDefaultsWrapper::initWithBundleID(kLegacyBundleID)
+                                                      : MQUserDefaultsWrapper::initWithBundleID(kLegacyBundleID, home_);
+  if (!defaults->hasExistingOrviaInstall()) {
+    completion(false, nullptr);
+    return;
+  }
+  // The continuation holds the completion, the reader, this driver and the store object of this very
+  // run; the store object is reached through a shared slot, since attaching may finish before
+  // initWithCompletionBlock has returned it.
+  auto store_slot = std::make_shared<Ref<MQCoreDataWrapper>>();
+  auto settle = std::make_shared<std::mutex>();
+  Ref<MQOrvia4Importer> self(this);
+  auto continuation = [self, defaults, completion, store_slot, settle] {
+    Ref<MQCoreDataWrapper> store;
+    {
+      std::lock_guard lock(*settle);
+      store = *store_slot;
+    }
+    self->continueImport(defaults, store, completion);
+  };
+  auto failure = [completion] { completion(false, nullptr); };
+  std::lock_guard lock(*settle);
+  Ref<MQCoreDataWrapper> store =
+      home_.empty() ? MQCoreDataWrapper::initWithCompletionBlock(continuation, defaults, failure)
+                    : MQCoreDataWrapper::initWithStorePath(MQCoreDataWrapper::storePathForHome(home_), continuation,
+                                                           defaults, failure);
+  *store_slot = store;
+}
+
+void MQOrvia4Importer::continueImport(const Ref<MQUserDefaultsWrapper>& defaults, const Ref<MQCoreDataWrapper>& store,
+                                      const Completion& completion) {
+  // Everything this run makes belongs to this heap, which cuts the cycles of the sidebar trees when
+  // the run ends (after the completion has archived the results).
+  Heap heap;
+  HeapScope scope(heap);
+  register_record_classes();
+  register_outline_classes();
+
+  auto accounts = store ? store->currentAccounts() : std::nullopt;
+  if (!accounts || accounts->empty()) {
+    completion(false, nullptr);
+    return;
+  }
+  auto lookups = std::make_shared<ImportLookups>();
+  auto results = mutable_array();
+  for (const Ref<Account>& account : *accounts) {
+    Ref<Object> userid = account->userid();
+    if (!userid) {
+      NSLog("invalid account: %@", account);
+      continue;
+    }
+    Ref<OutlineFolderModel> model = OutlineFolderModel::initWithExistingUser(userid, false, defaults);
+    NSLog("%@", model->identifiers());
+    Ref<MQImporterContext> context = MQImporterContext::contextWithDefaults(defaults, account, store, lookups);
+    context->convertMedia = false;  // the shared album tree replaces this account's own
+    Ref<MQImporterNodeResult> result = folderTreeWithContext(*model, *context);
+    result->blacklist = blackListsWithContext(*context);
+    result->account = accountWithAccount(*account, *context);
+    result->statistics = statisticsNodeWithAccount(*account, *context);
+    results->push_back(result);
+  }
+  Ref<OutlineFolderModel> album_model = OutlineFolderModel::initWithExistingUser(str(kAlbumPseudoUser), false, defaults);
+  Ref<MQImporterContext> album_context = MQImporterContext::contextWithDefaults(defaults, nullptr, store, lookups);
+  Ref<Object> albums = folderTreeWithContext(*album_model, *album_context)->albums;
+  for (const Ref<Object>& r : results->items()) static_cast<MQImporterNodeResult*>(r.get())->albums = albums;
+  completion(true, make<Array>(results->items(), false));
+}
+
+Ref<MQImporterNodeFolder> MQOrvia4Importer::blackListsWithContext(MQImporterContext& context) const {
+  Ref<Object> value = context.userDefaults ? context.userDefaults->valueForKey(kUserBlacklistKey) : nullptr;
+  const Dictionary* blocked = as_dict(value.get());
+  if (!blocked) return nullptr;
+  auto folder = make<MQImporterNodeFolder>();
+  folder->title = str("Blacklist");
+  folder->contentsType = MQImporterNodeTypeBlacklist;
+  folder->type = MQImporterNodeTypeFolder;
+  folder->identifier = str("blacklist");
+  folder->isRoot = true;
+  std::vector<Ref<Object>> children;
+  children.reserve(blocked->size());
+  for (const auto& [key, name] : blocked->entries()) {  // in the dictionary's own order
+    auto node = make<MQImporterNodeBlacklist>();
+    node->username = name;
+    node->userid = key;  // the key as stored, a string
+    node->type = MQImporterNodeTypeBlacklist;
+    node->identifier = str(format("%@", {key}));
+    children.push_back(node);
+  }
+  folder->children = make<Array>(std::move(children), false);
+  return folder;
+}
+
+Ref<MQImporterAccount> MQOrvia4Importer::accountWithAccount(const Account& account, MQImporterContext& context) const {
+  auto record = make<MQImporterAccount>();
+  record->username = account.username();
+  record->userid = account.userid();
+  record->imageURLString = account.imageURLWithDefaults(context.userDefaults.get());
+  return record;
+}
+
+Ref<MQImporterNodeStatistics> MQOrvia4Importer::statisticsNodeWithAccount(const Account& account,
+                                                                          MQImporterContext& context) const {
+  if (!context.userDefaults) return nullptr;
+  Ref<String> path = context.userDefaults->statisticsPathWithAccountID(account.userid().get());
+  if (!path) return nullptr;
+  auto node = make<MQImporterNodeStatistics>();
+  node->type = MQImporterNodeTypeStatistics;
+  node->identifier = account.userid();
+  node->path = path;
+  node->isRoot = true;
+  return node;
+}
+
+}  // namespace orvia

@@ -1,0 +1,109 @@
+// A reply as the service sends it, built from generic records with the import's class names and keys:
+// two accounts that share one album tree.
+#pragma once
+
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "platform/keyed_archive.h"
+#include "platform/value.h"
+
+namespace orvia::test {
+
+inline Ref<GenericRecord> record(std::vector<std::string> chain,
+                                 std::vector<std::pair<std::string, Ref<Object>>> fields) {
+  auto r = make<GenericRecord>(std::move(chain));
+  for (auto& [key, value] : fields) {
+    bool is_inline = as_number(value.get()) != nullptr;  // integers and booleans are written in place
+    r->mutable_fields().push_back({key, value, is_inline});
+  }
+  return r;
+}
+
+inline std::vector<std::string> node_chain(const char* cls) { return {cls, "MQImporterNode", "NSObject"}; }
+
+inline Ref<GenericRecord> node(const char* cls, std::int64_t type,
+                               std::vector<std::pair<std::string, Ref<Object>>> fields, bool is_root = false) {
+  std::vector<std::pair<std::string, Ref<Object>>> all = {
+      {"identifier", nullptr}, {"type", num(type)}, {"ignore", boolean(false)}, {"isRoot", boolean(is_root)}};
+  for (auto& f : fields) all.push_back(std::move(f));
+  return record(node_chain(cls), std::move(all));
+}
+
+inline Ref<GenericRecord> folder(const char* title, std::vector<Ref<Object>> children, std::int64_t contents,
+                                 bool is_root = false) {
+  return node("MQImporterNodeFolder", 0,
+              {{"title", title ? Ref<Object>(str(title)) : nullptr},
+               {"children", make<Array>(std::move(children), true)},
+               {"contentsType", num(contents)}},
+              is_root);
+}
+
+inline Ref<GenericRecord> tag(const char* name, std::int64_t count) {
+  return node("MQImporterNodeTag", 1, {{"tagCount", num(count)}, {"tagName", str(name)}});
+}
+
+inline Ref<Array> sample_results() {
+  auto items = array({dict({{"id", str("m1")}}), dict({{"id", str("m2")}})});
+  auto album = node("MQImporterNodeAlbum", 2, {{"albumName", str("Summer 2013")}, {"items", items}});
+  auto albums = folder(nullptr, {folder("Holidays", {album}, 2)}, 2, true);
+  auto tags = folder(nullptr, {folder("Travel", {tag("beach", 12), tag("sunset", 3)}, 1), tag("food", 7)}, 1, true);
+  auto bob = node("MQImporterNodeFriend", 4,
+                  {{"mediaCount", num(120)}, {"added", date(410000000)}, {"imageURL", str("https://img.example/bob.jpg")},
+                   {"username", str("bob")}, {"uid", str("42")}});
+  auto friends = folder(nullptr, {bob}, 4, true);
+  auto stats = node("MQImporterNodeStatistics", 6, {{"path", str("/home/jane/stats/1001.db")}}, true);
+  auto account = [](const char* uid, const char* picture, const char* name) {
+    return record({"MQImporterAccount", "NSObject"},
+                  {{"uid", str(uid)}, {"imageURL", picture ? Ref<Object>(str(picture)) : nullptr}, {"username", str(name)}});
+  };
+  auto jane = record({"MQImporterNodeResult", "NSObject"},
+                     {{"account", account("1001", "https://img.example/jane.jpg", "jane")},
+                      {"tags", tags},
+                      {"locations", nullptr},
+                      {"albums", albums},
+                      {"friends", friends},
+                      {"statistics", stats},
+                      {"ignore", boolean(false)}});
+  auto max = record({"MQImporterNodeResult", "NSObject"},
+                    {{"account", account("1002", nullptr, "max")},
+                     {"tags", nullptr},
+                     {"locations", nullptr},
+                     {"albums", albums},
+                     {"friends", nullptr},
+                     {"statistics", nullptr},
+                     {"ignore", boolean(false)}});
+  return array({jane, max});
+}
+
+inline const char* sample_report() {
+  return "Orvia 4 import: 2 accounts\n"
+         "\n"
+         "Account 1: jane (user id 1001)\n"
+         "  picture: https://img.example/jane.jpg\n"
+         "  statistics: /home/jane/stats/1001.db\n"
+         "  tags: 1 folder, 3 tags\n"
+         "    Travel/ (2 entries)\n"
+         "      #beach (count 12)\n"
+         "      #sunset (count 3)\n"
+         "    #food (count 7)\n"
+         "  locations: none\n"
+         "  albums: 1 folder, 1 album, 2 album items\n"
+         "    Holidays/ (1 entry)\n"
+         "      Summer 2013 (2 items)\n"
+         "  friends: 0 folders, 1 friend\n"
+         "    @bob (uid 42, 120 media)\n"
+         "\n"
+         "Account 2: max (user id 1002)\n"
+         "  picture: none\n"
+         "  statistics: none\n"
+         "  tags: none\n"
+         "  locations: none\n"
+         "  albums: 1 folder, 1 album, 2 album items\n"
+         "    Holidays/ (1 entry)\n"
+         "      Summer 2013 (2 items)\n"
+         "  friends: none\n";
+}
+
+}  // namespace orvia::test

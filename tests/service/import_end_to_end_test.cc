@@ -1,0 +1,191 @@
+// The import end to end: the service activated by a private bus whose environment points HOME at a
+// small legacy installation, the reply archive read by our decoder and by GNUstep with client-side
+// classes, every failure answer, and the installation unchanged afterwards.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <thread>
+
+#include "client/import_client.h"
+#include "legacy/core_data_wrapper.h"
+#include "outline/outline_folder_model.h"
+#include "platform/keyed_archive.h"
+#include "records/records.h"
+#include "service/import_request.h"
+#include "support/gnustep_peer.h"
+#include "support/legacy_home.h"
+#include "support/private_bus.h"
+
+namespace orvia {
+namespace {
+
+using test::LegacyHome;
+using test::LegacyStore;
+
+// Two accounts with a user id and one without; albums filed in the shared album tree.
+void fill_two_accounts(LegacyHome& home) {
+  LegacyStore& store = home.store();
+  const auto ann = store.add_account("1001", "ann");
+  store.add_account("1002", "bob");
+  store.add_account(std::nullopt, "nobody");
+  const auto trip = store.add_album("Trip", 100.0);
+  store.add_image(trip, test::media_archive(*test::older_media("11_1001", "https://photos.example/p/AAA")));
+  store.add_image(trip, test::media_archive(*test::older_media("12_1001", "https://photos.example/p/BBB/", "", "ann", true)));
+  store.add_album("Unfiled", 50.0);
+  const auto friend_pk = store.add_friend({.uid = "77", .name = "carla", .added = 5.5, .media_count = 9, .account = ann});
+
+  auto shared = test::sidebar_root();
+  auto albums = test::add_base_folder(*shared, kFolderAlbumsIdentifier);
+  auto holidays = test::add_folder(*albums, "Holidays");
+  test::add_entry(*holidays, "Trip", test::album_id(store.uri(LegacyStore::kImageList, trip)));
+  home.set_sidebar("*--*albums*--*", albums);
+
+  auto tree = test::sidebar_root();
+  test::add_base_folder(*tree, kFolderFavFriendIdentifier);
+  auto tags = test::add_base_folder(*tree, kFolderTagsIdentifier);
+  test::add_entry(*tags, "sunset", test::favtag_id("sunset"));
+  test::add_base_folder(*tree, kFolderLocationsIdentifier);
+  home.set_sidebar("1001", tree);
+  home.set_in("FavoriteSidebarTags", "1001", array({dict({{"tag", str("sunset")}, {"count", num(4)}})}));
+  home.set_in("UserAccountsI", "1001", str("https://pics.example/ann.jpg"));
+  home.set_in("kUserBlacklistKey", "1234", str("spammer"));
+  home.add_statistics("1001");
+  (void)friend_pk;
+  home.write();
+}
+
+Ref<Array> decode_reply(const std::string& archive) {
+  register_record_classes();
+  auto root = unarchive(archive);
+  EXPECT_TRUE(root.ok()) << (root.ok() ? "" : root.error().message);
+  return root.ok() ? Ref<Array>(as_array(root.value().get())) : nullptr;
+}
+
+TEST(ImportEndToEnd, DirectRunGivesOneResultPerAccountSharingOneAlbumTree) {
+  LegacyHome home;
+  fill_two_accounts(home);
+  const test::TreeSnapshot before = test::snapshot_tree(home.path());
+
+  service::ImportOutcome outcome = service::run_direct_import(home.home());
+  ASSERT_TRUE(outcome.success);
+  ASSERT_TRUE(outcome.archive);
+  Ref<Array> results = decode_reply(*outcome.archive);
+  ASSERT_NE(results, nullptr);
+  ASSERT_EQ(results->size(), 2u);  // the account without a user id is left out
+  auto* a = dynamic_cast<MQImporterNodeResult*>(results->at(0).get());
+  auto* b = dynamic_cast<MQImporterNodeResult*>(results->at(1).get());
+  ASSERT_TRUE(a && b);
+  EXPECT_EQ(a->albums.get(), b->albums.get());
+  auto* acc = dynamic_cast<MQImporterAccount*>(a->account.get());
+  EXPECT_EQ(text_of(acc->userid.get()), "1001");
+  EXPECT_EQ(text_of(acc->username.get()), "ann");
+  EXPECT_EQ(text_of(acc->imageURLString.get()), "https://pics.example/ann.jpg");
+  EXPECT_NE(a->statistics, nullptr);
+  EXPECT_EQ(b->statistics, nullptr);
+  EXPECT_EQ(b->tags != nullptr, true);
+
+  // The album tree comes from the shared structure: "Holidays" with Trip (two converted media), then
+  // the unfiled album.
+  auto* albums = dynamic_cast<MQImporterNodeFolder*>(a->albums.get());
+  ASSERT_NE(albums, nullptr);
+  EXPECT_TRUE(albums->isRoot);
+  ASSERT_EQ(albums->childList()->size(), 2u);
+  auto* holidays = dynamic_cast<MQImporterNodeFolder*>(albums->childList()->at(0).get());
+  ASSERT_NE(holidays, nullptr);
+  auto* trip = dynamic_cast<MQImporterNodeAlbum*>(holidays->childList()->at(0).get());
+  ASSERT_NE(trip, nullptr);
+  const Array* items = as_array(trip->items.get());
+  ASSERT_EQ(items->size(), 2u);
+  const Dictionary* second = as_dict(items->at(1).get());
+  EXPECT_EQ(as_number(second->get("media_type"))->int_value(), 2);
+  EXPECT_EQ(text_of(second->get("code")), "");
+  EXPECT_TRUE(as_number(second->get("converted_from_orvia4"))->is_bool());
+  EXPECT_EQ(as_dict(second->get("caption"))->get("user"), second->get("user"));
+
+  // The client reads the archive with its own classes: GNUstep gives the same records.
+  if (test::gnustep_available()) {
+    auto theirs = test::decode_with_gnustep(*outcome.archive);
+    ASSERT_TRUE(theirs.ok()) << theirs.error().message;
+    nlohmann::json ours = test::dump_like_gnustep(results.get());
+    EXPECT_EQ(test::json_text(theirs.value()), test::json_text(ours));
+  }
+  EXPECT_EQ(test::snapshot_tree(home.path()), before);
+}
+
+TEST(ImportEndToEnd, ThroughTheBusTheReplyIsTheDirectArchive) {
+  LegacyHome home;
+  fill_two_accounts(home);
+  const test::TreeSnapshot before = test::snapshot_tree(home.path());
+  const std::string direct = *service::run_direct_import(home.home()).archive;
+
+  test::PrivateBusOptions options;
+  options.environment["HOME"] = home.home();
+  test::PrivateBus bus(options);
+  // Two requests one after the other, then several clients at once: each answered once, alike.
+  for (int i = 0; i < 2; ++i) {
+    client::CallOutcome reply = client::find_importable_results();
+    ASSERT_EQ(reply.status, client::CallStatus::Replied) << reply.error << "\n" << bus.daemon_log();
+    ASSERT_TRUE(reply.success);
+    EXPECT_EQ(reply.archive, direct);
+  }
+  std::atomic<int> same{0};
+  std::vector<std::thread> clients;
+  for (int i = 0; i < 4; ++i) {
+    clients.emplace_back([&] {
+      client::CallOutcome reply = client::find_importable_results();
+      if (reply.status == client::CallStatus::Replied && reply.success && reply.archive == direct) ++same;
+    });
+  }
+  for (auto& t : clients) t.join();
+  EXPECT_EQ(same.load(), 4);
+  EXPECT_EQ(test::snapshot_tree(home.path()), before);
+}
+
+TEST(ImportEndToEnd, EveryFailureIsAnsweredNoWithoutAnArchive) {
+  struct Case {
+    const char* name;
+    std::function<void(LegacyHome&)> make;
+  };
+  const Case cases[] = {
+      {"no legacy installation", [](LegacyHome& h) {
+         h.remove("FinishedStartScreen410x");
+         h.write();
+       }},
+      {"a store without accounts", [](LegacyHome& h) {
+         h.store().add_album("lonely");
+         h.write();
+       }},
+      {"a store that is not SQLite", [](LegacyHome& h) {
+         h.write_preferences();
+         test::write_file(h.store_file(), std::string(8192, 'x'));
+       }},
+      {"no store at all", [](LegacyHome& h) { h.write_preferences(); }},
+  };
+  for (const Case& c : cases) {
+    LegacyHome home;
+    c.make(home);
+    const test::TreeSnapshot before = test::snapshot_tree(home.path());
+    test::PrivateBusOptions options;
+    options.environment["HOME"] = home.home();
+    test::PrivateBus bus(options);
+    client::CallOutcome reply = client::find_importable_results();
+    ASSERT_EQ(reply.status, client::CallStatus::Replied) << c.name << ": " << reply.error;
+    EXPECT_FALSE(reply.success) << c.name;
+    EXPECT_FALSE(reply.archive) << c.name;
+    EXPECT_EQ(test::snapshot_tree(home.path()), before) << c.name;
+  }
+}
+
+TEST(ImportEndToEnd, AccountsWithoutUserIdsGiveAnEmptySuccess) {
+  LegacyHome home;
+  home.store().add_account(std::nullopt, "anonymous");
+  home.write();
+  service::ImportOutcome outcome = service::run_direct_import(home.home());
+  ASSERT_TRUE(outcome.success);
+  Ref<Array> results = decode_reply(*outcome.archive);
+  ASSERT_NE(results, nullptr);
+  EXPECT_EQ(results->size(), 0u);
+}
+
+}  // namespace
+}  // namespace orvia

@@ -1,0 +1,74 @@
+#include "service/memfd.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <string>
+
+namespace orvia::service {
+namespace {
+
+std::string pattern(std::size_t size) {
+  std::string s(size, '\0');
+  std::uint32_t x = 2463534242u;
+  for (auto& c : s) {
+    x ^= x << 13, x ^= x >> 17, x ^= x << 5;
+    c = static_cast<char>(x);
+  }
+  return s;
+}
+
+TEST(SealedMemfd, HoldsExactlyTheBytesAndRefusesEveryChange) {
+  for (std::size_t size : {std::size_t{0}, std::size_t{1}, std::size_t{4099}, std::size_t{50} << 20}) {
+    SCOPED_TRACE(size);
+    const std::string bytes = pattern(size);
+    auto fd = make_sealed_memfd(bytes);
+    ASSERT_TRUE(fd.ok()) << fd.error().message;
+    int f = fd.value().get();
+
+    EXPECT_EQ(::fcntl(f, F_GET_SEALS), reply_seals());
+    EXPECT_EQ(reply_seals(), F_SEAL_SHRINK | F_SEAL_GROW | F_SEAL_WRITE | F_SEAL_SEAL);
+    EXPECT_NE(::fcntl(f, F_GETFD) & FD_CLOEXEC, 0);
+
+    auto back = read_whole_fd(f, std::size_t{1} << 30);
+    ASSERT_TRUE(back.ok()) << back.error().message;
+    EXPECT_TRUE(back.value() == bytes);
+    EXPECT_EQ(::lseek(f, 0, SEEK_CUR), 0) << "reading must not move the file position";
+
+    errno = 0;
+    EXPECT_EQ(::pwrite(f, "x", 1, 0), -1);
+    EXPECT_EQ(errno, EPERM);
+    EXPECT_EQ(::ftruncate(f, static_cast<off_t>(size + 1)), -1);
+    EXPECT_EQ(::ftruncate(f, 0), size == 0 ? 0 : -1);  // shrinking an empty file to 0 changes nothing
+    EXPECT_EQ(::fcntl(f, F_ADD_SEALS, 0), -1);
+    if (size > 0) {
+      void* p = ::mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, f, 0);
+      EXPECT_EQ(p, MAP_FAILED);
+      if (p != MAP_FAILED) ::munmap(p, size);
+    }
+  }
+}
+
+TEST(ReadWholeFd, ReadsPipesToTheEndAndRefusesOversizedContents) {
+  int p[2];
+  ASSERT_EQ(::pipe(p), 0);
+  ASSERT_EQ(::write(p[1], "archive", 7), 7);
+  ::close(p[1]);
+  UniqueFd reader(p[0]);
+  auto got = read_whole_fd(reader.get(), 100);
+  ASSERT_TRUE(got.ok());
+  EXPECT_EQ(got.value(), "archive");
+
+  auto fd = make_sealed_memfd(pattern(1000));
+  ASSERT_TRUE(fd.ok());
+  EXPECT_FALSE(read_whole_fd(fd.value().get(), 999).ok());
+  EXPECT_TRUE(read_whole_fd(fd.value().get(), 1000).ok());
+
+  EXPECT_FALSE(read_whole_fd(-1, 100).ok());
+}
+
+}  // namespace
+}  // namespace orvia::service
