@@ -80,12 +80,12 @@ TEST(MainQueue, SyncFromAnotherThreadWaitsForTheMainThreadAndPassesExceptions) {
 
 TEST(MainQueue, RunMakesItsThreadTheMainThreadUntilStopped) {
   MainQueue& q = MainQueue::shared();
+  std::thread main_thread([&] { q.run(); });
+  // Once a block has run there, that thread serves the queue and is the main thread.
   std::promise<std::thread::id> runner;
-  std::thread main_thread([&] {
-    runner.set_value(std::this_thread::get_id());
-    q.run();
-  });
+  q.async([&] { runner.set_value(std::this_thread::get_id()); });
   std::thread::id runner_id = runner.get_future().get();
+  EXPECT_EQ(runner_id, main_thread.get_id());
 
   std::atomic<bool> main_inside{false};
   std::atomic<bool> test_thread_is_main{true};
@@ -111,46 +111,53 @@ TEST(MainQueue, RunMakesItsThreadTheMainThreadUntilStopped) {
 
 TEST(BackgroundQueue, RunsBlocksConcurrentlyAtLowPriorityOffTheMainThread) {
   // Two blocks that each wait for the other can only finish when they run at the same time, as the
-  // store attach does when one request waits on the main queue while another starts.
-  std::mutex m;
-  std::condition_variable cv;
-  int arrived = 0;
-  std::promise<void> both;
-  std::atomic<int> finished{0};
-  std::atomic<int> nice_value{-100};
-  std::atomic<bool> any_main{false};
+  // store attach does when one request waits on the main queue while another starts. The state is
+  // shared, not on this stack: the blocks still unlock after the test has seen them finish.
+  struct State {
+    std::mutex m;
+    std::condition_variable cv;
+    int arrived = 0;
+    int finished = 0;
+    std::promise<void> both;
+    std::atomic<int> nice_value{-100};
+    std::atomic<bool> any_main{false};
+  };
+  auto state = std::make_shared<State>();
   for (int i = 0; i < 2; ++i) {
-    dispatch_background([&] {
-      any_main = any_main || MainQueue::shared().is_main_thread();
-      errno = 0;
-      nice_value = ::getpriority(PRIO_PROCESS, static_cast<id_t>(::syscall(SYS_gettid)));
-      std::unique_lock lock(m);
-      ++arrived;
-      cv.notify_all();
-      bool ok = cv.wait_for(lock, kPatience, [&] { return arrived == 2; });
-      if (ok && ++finished == 2) both.set_value();
+    dispatch_background([state] {
+      state->any_main = state->any_main || MainQueue::shared().is_main_thread();
+      state->nice_value = ::getpriority(PRIO_PROCESS, static_cast<id_t>(::syscall(SYS_gettid)));
+      std::unique_lock lock(state->m);
+      ++state->arrived;
+      state->cv.notify_all();
+      bool ok = state->cv.wait_for(lock, kPatience, [&] { return state->arrived == 2; });
+      if (ok && ++state->finished == 2) state->both.set_value();
     });
   }
-  ASSERT_EQ(both.get_future().wait_for(kPatience), std::future_status::ready);
-  EXPECT_FALSE(any_main);
-  EXPECT_EQ(nice_value, 19);
+  ASSERT_EQ(state->both.get_future().wait_for(kPatience), std::future_status::ready);
+  EXPECT_FALSE(state->any_main);
+  EXPECT_EQ(state->nice_value, 19);
 }
 
 TEST(BackgroundQueue, BlockCanWaitForTheMainQueueWhileMainDrains) {
   // The store-attach pattern: background work hands a continuation to the main queue and waits.
-  MainQueue& q = MainQueue::shared();
-  std::promise<std::thread::id> continuation;
-  std::atomic<bool> background_returned{false};
-  dispatch_background([&] {
-    q.sync([&] { continuation.set_value(std::this_thread::get_id()); });
-    background_returned = true;
+  struct State {
+    std::promise<std::thread::id> continuation;
+    std::promise<void> returned;
+  };
+  auto state = std::make_shared<State>();
+  dispatch_background([state] {
+    MainQueue::shared().sync([&] { state->continuation.set_value(std::this_thread::get_id()); });
+    state->returned.set_value();
   });
-  q.drain(kPatience);
-  auto f = continuation.get_future();
-  ASSERT_EQ(f.wait_for(0s), std::future_status::ready);
-  EXPECT_EQ(f.get(), std::this_thread::get_id());
-  for (int i = 0; i < 3000 && !background_returned; ++i) std::this_thread::sleep_for(10ms);
-  EXPECT_TRUE(background_returned);
+  auto ran_on = state->continuation.get_future();
+  for (auto until = std::chrono::steady_clock::now() + kPatience;
+       ran_on.wait_for(0s) != std::future_status::ready && std::chrono::steady_clock::now() < until;) {
+    MainQueue::shared().drain(100ms);
+  }
+  ASSERT_EQ(ran_on.wait_for(0s), std::future_status::ready);
+  EXPECT_EQ(ran_on.get(), std::this_thread::get_id());
+  EXPECT_EQ(state->returned.get_future().wait_for(kPatience), std::future_status::ready);
 }
 
 }  // namespace
