@@ -42,6 +42,36 @@ Friend* ImportLookups::friendForIdentifier(const MQCoreDataWrapper& store, const
   return it == f.index.end() ? nullptr : f.list[it->second].get();
 }
 
+const ImportLookups::EntryIndex& ImportLookups::entryIndex(const Ref<Array>& list, std::string_view field) {
+  std::string key = std::to_string(reinterpret_cast<std::uintptr_t>(list.get())) + "/" + std::string(field);
+  auto [it, inserted] = entry_indexes_.try_emplace(std::move(key));
+  EntryIndex& index = it->second;
+  if (!inserted) return index;
+  index.list = list;
+  const auto& items = list->items();
+  index.first.reserve(items.size());
+  for (std::size_t i = 0; i < items.size(); ++i) {
+    const Dictionary* entry = as_dict(items[i].get());
+    if (!entry) {
+      if (index.first_non_dictionary == SIZE_MAX) index.first_non_dictionary = i;
+      continue;
+    }
+    if (auto text = entry_value_text(entry->get(field))) index.first.try_emplace(std::move(*text), i);
+  }
+  return index;
+}
+
+std::optional<std::string> entry_value_text(const Object* value) {
+  if (const String* s = as_string(value)) return s->str();
+  // Our choice: an id stored as a number matches by its decimal text, the text its sidebar
+  // identifier was formed from.
+  if (const Number* n = as_number(value)) {
+    if (n->is_bool() || n->is_real()) return std::nullopt;
+    return n->type() == Number::Type::Unsigned ? std::to_string(n->uint_value()) : std::to_string(n->int_value());
+  }
+  return std::nullopt;
+}
+
 Ref<MQImporterContext> MQImporterContext::contextWithDefaults(Ref<MQUserDefaultsWrapper> defaults,
                                                               Ref<Account> account,
                                                               Ref<MQCoreDataWrapper> coreDataWrapper) {

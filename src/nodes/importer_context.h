@@ -9,6 +9,7 @@
 #pragma once
 
 #include <cstdint>
+#include <cstddef>
 #include <memory>
 #include <optional>
 #include <string>
@@ -24,6 +25,10 @@
 
 namespace orvia {
 
+// The text under which a favourite entry's field is matched: a string as it is, an integer number by
+// its decimal digits; nothing for other kinds.
+std::optional<std::string> entry_value_text(const Object* value);
+
 // Lists fetched once per request, with their sidebar identifiers indexed.
 class ImportLookups {
  public:
@@ -36,6 +41,16 @@ class ImportLookups {
   const std::vector<Ref<Friend>>& friends(const MQCoreDataWrapper& store, const Account* account);
   Friend* friendForIdentifier(const MQCoreDataWrapper& store, const Account* account, std::string_view identifier);
 
+  // An index of a per-account favourite list by the text of one field: where the first entry with a
+  // given value stands, and where the first element that is not a dictionary stands. A search through
+  // it answers as a walk of the list from its start would.
+  struct EntryIndex {
+    Ref<Array> list;  // keeps the indexed list (and so its address) alive
+    std::unordered_map<std::string, std::size_t> first;
+    std::size_t first_non_dictionary = SIZE_MAX;
+  };
+  const EntryIndex& entryIndex(const Ref<Array>& list, std::string_view field);
+
  private:
   struct FriendList {
     std::vector<Ref<Friend>> list;
@@ -45,6 +60,7 @@ class ImportLookups {
   std::optional<std::vector<Ref<ImageList>>> albums_;
   std::unordered_map<std::string, std::size_t> album_index_;
   std::unordered_map<std::int64_t, FriendList> friends_;  // by account key; -1 for no account
+  std::unordered_map<std::string, EntryIndex> entry_indexes_;  // by list address and field
 };
 
 class MQImporterContext final : public Record {

@@ -31,16 +31,7 @@ std::uint64_t contents_code(Kind k) {
   return 0;
 }
 
-// The text of an identifier-like value: a string as it is, a number by its decimal digits (an id
-// stored as a number forms its sidebar identifier from that text); nothing for other kinds.
-std::optional<std::string> text_form(const Object* o) {
-  if (const String* s = as_string(o)) return s->str();
-  if (const Number* n = as_number(o)) {
-    if (n->is_bool() || n->is_real()) return std::nullopt;
-    return n->type() == Number::Type::Unsigned ? std::to_string(n->uint_value()) : std::to_string(n->int_value());
-  }
-  return std::nullopt;
-}
+std::optional<std::string> text_form(const Object* o) { return entry_value_text(o); }
 
 // The integer value of a legacy count: a number's integer value, a string's leading integer, else 0.
 std::uint64_t count_value(const Object* o) { return static_cast<std::uint64_t>(legacy_integer_value(o)); }
@@ -139,20 +130,18 @@ Ref<Dictionary> defaultsEntryWithBase(std::string_view base, std::string_view fi
                                       MQImporterContext& context) {
   Ref<Array> list = defaultsArrayWithBase(base, context);
   if (!list) return nullptr;
-  const String* wanted = as_string(value);
-  for (const Ref<Object>& element : list->items()) {
-    const Dictionary* entry = as_dict(element.get());
-    if (!entry) {
-      NSLog("item is no dictionary: %@", element);
-      return nullptr;
-    }
-    // Our choice: an id stored as a number matches by its decimal text, the text its sidebar
-    // identifier was formed from.
-    if (wanted) {
-      auto stored = text_form(entry->get(field));
-      if (stored && *stored == wanted->str()) return Ref<Dictionary>(const_cast<Dictionary*>(entry));
-    }
+  // The list is searched from its start: an element that is not a dictionary ends the search before
+  // any later match. The request's index of the list answers the same in constant time.
+  const ImportLookups::EntryIndex& index = context.lookups().entryIndex(list, field);
+  std::size_t match = SIZE_MAX;
+  if (const String* wanted = as_string(value)) {
+    if (auto it = index.first.find(wanted->str()); it != index.first.end()) match = it->second;
   }
+  if (index.first_non_dictionary < match) {
+    NSLog("item is no dictionary: %@", list->at(index.first_non_dictionary));
+    return nullptr;
+  }
+  if (match != SIZE_MAX) return Ref<Dictionary>(as_dict(list->at(match).get()));
   NSLog("could not find anything for %@ with %@", field, value);
   return nullptr;
 }

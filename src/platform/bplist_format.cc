@@ -76,6 +76,55 @@ void append_utf8(std::string& out, std::uint32_t cp) {
   }
 }
 
+// The code point of the well-formed UTF-8 sequence at s[i], advancing i past it; U+FFFD for an
+// ill-formed one, advancing past its maximal valid prefix (at least one byte), as Unicode recommends.
+// Overlong forms, surrogates and values above U+10FFFF are ill-formed.
+std::uint32_t next_utf8(std::string_view s, std::size_t& i) {
+  const auto byte = [&](std::size_t k) { return static_cast<unsigned char>(s[k]); };
+  const unsigned char c = byte(i);
+  if (c < 0x80) {
+    ++i;
+    return c;
+  }
+  std::size_t len;
+  std::uint32_t cp;
+  unsigned char lo = 0x80, hi = 0xbf;  // bounds of the second byte
+  if (c >= 0xc2 && c <= 0xdf) {
+    len = 2, cp = c & 0x1f;
+  } else if (c >= 0xe0 && c <= 0xef) {
+    len = 3, cp = c & 0x0f;
+    if (c == 0xe0) lo = 0xa0;
+    if (c == 0xed) hi = 0x9f;
+  } else if (c >= 0xf0 && c <= 0xf4) {
+    len = 4, cp = c & 0x07;
+    if (c == 0xf0) lo = 0x90;
+    if (c == 0xf4) hi = 0x8f;
+  } else {
+    ++i;
+    return 0xfffd;
+  }
+  std::size_t k = 1;
+  for (; k < len; ++k) {
+    if (i + k >= s.size()) break;
+    const unsigned char b = byte(i + k);
+    if (k == 1 ? (b < lo || b > hi) : (b < 0x80 || b > 0xbf)) break;
+    cp = (cp << 6) | (b & 0x3f);
+  }
+  i += k;
+  return k == len ? cp : 0xfffd;
+}
+
+bool valid_utf8(std::string_view s) {
+  for (std::size_t i = 0; i < s.size();) {
+    if (static_cast<unsigned char>(s[i]) < 0x80) {
+      ++i;
+    } else if (next_utf8(s, i) == 0xfffd) {
+      return false;  // or a real U+FFFD, which rebuilding leaves as it is
+    }
+  }
+  return true;
+}
+
 }  // namespace
 
 void utf16be_to_utf8(std::string_view be16, std::string& out) {
@@ -108,21 +157,7 @@ bool utf8_to_utf16be(std::string_view s, std::string& out, std::uint64_t& units)
     ++units;
   };
   for (i = 0; i < s.size();) {
-    unsigned char c = static_cast<unsigned char>(s[i]);
-    std::uint32_t cp;
-    std::size_t len;
-    if (c < 0x80) {
-      cp = c, len = 1;
-    } else if ((c >> 5) == 6 && i + 1 < s.size()) {
-      cp = ((c & 0x1f) << 6) | (s[i + 1] & 0x3f), len = 2;
-    } else if ((c >> 4) == 14 && i + 2 < s.size()) {
-      cp = ((c & 0x0f) << 12) | ((s[i + 1] & 0x3f) << 6) | (s[i + 2] & 0x3f), len = 3;
-    } else if ((c >> 3) == 30 && i + 3 < s.size()) {
-      cp = ((c & 0x07) << 18) | ((s[i + 1] & 0x3f) << 12) | ((s[i + 2] & 0x3f) << 6) | (s[i + 3] & 0x3f), len = 4;
-    } else {
-      cp = 0xfffd, len = 1;  // invalid UTF-8 byte
-    }
-    i += len;
+    std::uint32_t cp = next_utf8(s, i);
     if (cp >= 0x10000) {
       cp -= 0x10000;
       put(0xd800 + (cp >> 10));
@@ -311,7 +346,12 @@ std::string View::text(const Item& it) const {
       utf16be_to_utf8(raw_bytes, out);
       break;
     case Type::Utf8String:
-      out.assign(raw_bytes);
+      if (valid_utf8(raw_bytes)) {
+        out.assign(raw_bytes);
+        break;
+      }
+      // Strings hold well-formed UTF-8: ill-formed bytes read as U+FFFD, as unpaired surrogates do.
+      for (std::size_t i = 0; i < raw_bytes.size();) append_utf8(out, next_utf8(raw_bytes, i));
       break;
     default:
       break;
@@ -366,26 +406,29 @@ std::uint64_t hash_bytes(std::string_view s) {
 }  // namespace
 
 std::uint32_t Builder::add_bytes(BytesTable& t, std::string_view bytes, Type type, bool ascii) {
+  using Slot = BytesTable::Slot;
   if ((t.used + 1) * 4 > t.slots.size() * 3) {
-    std::vector<std::uint32_t> grown(t.slots.size() * 2, 0);
+    std::vector<Slot> grown(t.slots.size() * 2);
     const std::size_t mask = grown.size() - 1;
-    for (std::uint32_t v : t.slots) {
-      if (!v) continue;
-      std::size_t i = hash_bytes(views_[objects_[v - 1].a]) & mask;
-      while (grown[i]) i = (i + 1) & mask;
-      grown[i] = v;
+    for (const Slot& slot : t.slots) {
+      if (!slot.index_plus_one) continue;
+      std::size_t i = slot.hash & mask;
+      while (grown[i].index_plus_one) i = (i + 1) & mask;
+      grown[i] = slot;
     }
     t.slots.swap(grown);
   }
   const std::size_t mask = t.slots.size() - 1;
-  std::size_t i = hash_bytes(bytes) & mask;
-  while (std::uint32_t v = t.slots[i]) {
-    if (views_[objects_[v - 1].a] == bytes) return v - 1;
+  // The low 32 bits of the hash place the slot and are kept in it, so growing needs no rehashing.
+  const std::uint32_t tag = static_cast<std::uint32_t>(hash_bytes(bytes));
+  std::size_t i = tag & mask;
+  while (std::uint32_t v = t.slots[i].index_plus_one) {
+    if (t.slots[i].hash == tag && views_[objects_[v - 1].a] == bytes) return v - 1;
     i = (i + 1) & mask;
   }
   views_.push_back(bytes);
   std::uint32_t index = push(Obj{static_cast<std::uint8_t>(type), static_cast<std::uint8_t>(ascii), 0, views_.size() - 1});
-  t.slots[i] = index + 1;
+  t.slots[i] = Slot{index + 1, tag};
   ++t.used;
   return index;
 }

@@ -105,7 +105,11 @@ class Builder {
   };
   // Open-addressing table of byte strings already added (strings and data apart): slot -> index + 1.
   struct BytesTable {
-    std::vector<std::uint32_t> slots = std::vector<std::uint32_t>(64, 0);
+    struct Slot {
+      std::uint32_t index_plus_one = 0;
+      std::uint32_t hash = 0;  // the low 32 bits of the bytes' hash: the slot, and compared first
+    };
+    std::vector<Slot> slots = std::vector<Slot>(64);
     std::size_t used = 0;
   };
   std::uint32_t add_bytes(BytesTable& table, std::string_view bytes, Type type, bool ascii);
