@@ -507,14 +507,60 @@ void Builder::set_dict(std::uint32_t index, const std::uint32_t* keys, const std
   refs_.insert(refs_.end(), values, values + n);
 }
 
+namespace {
+
+std::uint64_t count_header_size(std::uint64_t n) { return n < 15 ? 1 : 2 + size_for(n); }
+
+}  // namespace
+
+std::uint64_t Builder::encoded_size(const Obj& o, unsigned ref_size) const {
+  switch (static_cast<Type>(o.type)) {
+    case Type::Null:
+    case Type::Bool:
+      return 1;
+    case Type::Int:
+      if (o.flag) return 17;
+      if (static_cast<std::int64_t>(o.a) < 0) return 9;
+      return 1 + size_for(o.a);
+    case Type::Real:
+    case Type::Date:
+      return 9;
+    case Type::Data:
+      return count_header_size(views_[o.a].size()) + views_[o.a].size();
+    case Type::Utf8String:
+    case Type::AsciiString:
+    case Type::Utf16String: {
+      std::string_view s = views_[o.a];
+      if (o.flag) return count_header_size(s.size()) + s.size();
+      // The converter itself counts, so that sizes always agree with what is written.
+      std::string scratch;
+      std::uint64_t units = 0;
+      utf8_to_utf16be(s, scratch, units);
+      return count_header_size(units) + 2 * units;
+    }
+    case Type::Uid:
+      return 1 + size_for(o.a);
+    case Type::Array:
+    case Type::Set:
+      return count_header_size(o.a) + o.a * ref_size;
+    case Type::Dict:
+      return count_header_size(o.a) + 2 * o.a * ref_size;
+  }
+  return 1;
+}
+
 std::string Builder::write(std::uint32_t top) const {
   const std::uint64_t count = objects_.size();
   // As Apple's reader demands: the reference size must hold the object count itself.
   const unsigned ref_size = size_for(count);
+  // First the exact size, so the output is allocated once and offsets need not be kept: the offset
+  // table is written from the same sizes again.
+  std::uint64_t objects_end = 8;
+  for (const Obj& o : objects_) objects_end += encoded_size(o, ref_size);
+  const unsigned offset_size = size_for(objects_end);
   std::string out;
-  out.reserve(64 + count * 8 + refs_.size() * ref_size);
+  out.reserve(objects_end + count * offset_size + 32);
   out.append("bplist00");
-  std::vector<std::uint64_t> offsets(count);
   std::string utf16;
 
   auto put_marker_count = [&](unsigned hi, std::uint64_t n) {
@@ -530,7 +576,6 @@ std::string Builder::write(std::uint32_t top) const {
   };
 
   for (std::uint64_t i = 0; i < count; ++i) {
-    offsets[i] = out.size();
     const Obj& o = objects_[i];
     switch (static_cast<Type>(o.type)) {
       case Type::Null:
@@ -601,8 +646,11 @@ std::string Builder::write(std::uint32_t top) const {
     }
   }
   const std::uint64_t table = out.size();
-  const unsigned offset_size = size_for(table);
-  for (std::uint64_t off : offsets) put_be(out, off, offset_size);
+  std::uint64_t offset = 8;
+  for (const Obj& o : objects_) {
+    put_be(out, offset, offset_size);
+    offset += encoded_size(o, ref_size);
+  }
   out.append(6, '\0');
   out.push_back(static_cast<char>(offset_size));
   out.push_back(static_cast<char>(ref_size));

@@ -114,6 +114,7 @@ class Builder {
   };
   std::uint32_t add_bytes(BytesTable& table, std::string_view bytes, Type type, bool ascii);
   std::uint32_t push(Obj o);
+  std::uint64_t encoded_size(const Obj& o, unsigned ref_size) const;
   std::vector<Obj> objects_;
   std::vector<std::uint32_t> refs_;
   std::vector<std::string_view> views_;

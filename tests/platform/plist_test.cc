@@ -269,3 +269,27 @@ TEST(Plist, WrongTopLevelKindsAndWriterLimits) {
 
 }  // namespace
 }  // namespace orvia
+
+namespace orvia {
+namespace {
+
+TEST(BinaryPlist, OffsetsStayRightForStringsOfEveryShape) {
+  // Sizes are computed before writing: strings whose UTF-16 length differs from their UTF-8 length,
+  // invalid UTF-8 and long counts must all land where the offset table says.
+  auto list = mutable_array();
+  const std::string shapes[] = {"", "a", std::string(15, 'x'), std::string(300, 'y'), "é", "😀😀", "\xF0\x80\x80\x80",
+                                "\xC3", "\x80\xBF", "Zürich 東京", std::string(70000, 'z') + "é"};
+  for (const auto& s : shapes) list->push_back(str(s));
+  for (int i = 0; i < 300; ++i) list->push_back(num(i * 1000003));
+  auto bytes = write_binary_plist(list.get());
+  ASSERT_TRUE(bytes.ok());
+  auto back = read_binary_plist(bytes.value());
+  ASSERT_TRUE(back.ok()) << back.error().message;
+  const Array* a = as_array(back.value().get());
+  ASSERT_EQ(a->size(), list->size());
+  EXPECT_EQ(text_of(a->at(9).get()), "Zürich 東京");
+  EXPECT_EQ(as_number(a->at(a->size() - 1).get())->int_value(), 299 * 1000003);
+}
+
+}  // namespace
+}  // namespace orvia
