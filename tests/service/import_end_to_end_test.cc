@@ -192,7 +192,12 @@ TEST(ImportEndToEnd, TheReplyForAFixedInstallationKeepsItsBytes) {
   fill_two_accounts(home);
   service::ImportOutcome outcome = service::run_direct_import(home.home());
   ASSERT_TRUE(outcome.archive);
-  EXPECT_EQ(digest(*outcome.archive), "bac611408604d1fa") << "archive of " << outcome.archive->size() << " bytes";
+  // The statistics path holds the temporary home's name: mask it with as many bytes.
+  std::string bytes = *outcome.archive;
+  const std::string path = home.home();
+  for (std::size_t at = bytes.find(path); at != std::string::npos; at = bytes.find(path, at))
+    bytes.replace(at, path.size(), std::string(path.size(), 'H'));
+  EXPECT_EQ(digest(bytes), "54debfab975f5e9d") << "archive of " << bytes.size() << " bytes";
 }
 
 TEST(ImportEndToEnd, AccountsWithoutUserIdsGiveAnEmptySuccess) {
