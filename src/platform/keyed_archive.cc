@@ -9,6 +9,7 @@
 #include <plist/plist.h>
 
 #include "platform/bplist_format.h"
+#include "platform/xml_nesting.h"
 
 namespace orvia {
 namespace {
@@ -160,6 +161,12 @@ class ArchiveScratch {
 };
 
 namespace {
+
+bool plain_ascii(std::string_view s) {
+  for (unsigned char c : s)
+    if (c >= 0x80) return false;
+  return true;
+}
 
 // ---------------------------------------------------------------------------------------------------
 
@@ -551,9 +558,10 @@ class KeyedUnarchiverImpl final : public KeyedDecoder {
         return false;
       }
       std::string_view key;
-      if (ki->type == Type::AsciiString || ki->type == Type::Utf8String) {
+      if ((ki->type == Type::AsciiString || ki->type == Type::Utf8String) && plain_ascii(v_.raw(ki.value()))) {
         key = v_.raw(ki.value());
-      } else if (ki->type == Type::Utf16String) {
+      } else if (ki->type == Type::AsciiString || ki->type == Type::Utf8String || ki->type == Type::Utf16String) {
+        // Read as string values are (Latin-1, well-formed UTF-8), so that a key archives back unchanged.
         if (!f.owned) f.owned = std::make_unique<std::deque<std::string>>();
         f.owned->push_back(v_.text(ki.value()));
         key = f.owned->back();
@@ -971,6 +979,9 @@ void xml_uids_to_uids(plist_t root) {
 Result<std::string> binary_form(std::string_view bytes) {
   if (bytes.size() >= 8 && bytes.substr(0, 6) == "bplist") return std::string();
   if (bytes.size() > UINT32_MAX) return Error{"archive: too large"};
+  // libplist converts and frees its trees recursively: a deeper text would end the process on a full
+  // stack.
+  if (xml_nesting_exceeds(bytes)) return Error{"archive: XML nested deeper than the reader takes"};
   plist_t p = nullptr;
   plist_from_xml(bytes.data(), static_cast<uint32_t>(bytes.size()), &p);
   if (!p) return Error{"archive: neither a binary nor an XML property list"};

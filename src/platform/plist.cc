@@ -11,12 +11,24 @@
 #include <plist/plist.h>
 
 #include "platform/bplist_format.h"
+#include "platform/xml_nesting.h"
 
 namespace orvia {
 namespace {
 
 using bplist::Item;
 using bplist::Type;
+
+// Text from libplist as a string value. libplist passes ill-formed UTF-8 through; strings hold
+// well-formed UTF-8, so those bytes read as U+FFFD, as the binary reader reads them.
+Ref<String> string_from_libplist(std::string s) {
+  std::string utf16;
+  std::uint64_t units = 0;
+  if (!bplist::utf8_to_utf16be(s, utf16, units)) return make<String>(std::move(s));  // ASCII
+  std::string repaired;
+  bplist::utf16be_to_utf8(utf16, repaired);
+  return make<String>(std::move(repaired));
+}
 
 // A UID outside a keyed archive is read the way the XML form writes it: {"CF$UID": n}.
 Ref<Object> uid_dictionary(std::uint64_t v) {
@@ -305,10 +317,11 @@ Result<Ref<Object>> from_libplist(plist_t root) {
         return Number::from_real(v);
       }
       case PLIST_STRING: {
-        char* s = nullptr;
-        plist_get_string_val(n, &s);
-        std::unique_ptr<char, MallocFree> own(s);
-        return make<String>(s ? std::string(s) : std::string());
+        // By pointer and length: plist_get_string_val asserts (ending the process) on a string that
+        // holds a NUL, which XML can spell as "&#0;".
+        uint64_t len = 0;
+        const char* s = plist_get_string_ptr(n, &len);
+        return string_from_libplist(s ? std::string(s, len) : std::string());
       }
       case PLIST_DATA: {
         char* d = nullptr;
@@ -373,7 +386,7 @@ Result<Ref<Object>> from_libplist(plist_t root) {
       Dictionary* d = static_cast<Dictionary*>(f.obj.get());
       Ref<Object> c = start(child, stack);
       if (!c) return Error{"plist: unsupported value in XML"};
-      d->append(make<String>(key ? std::string(key) : std::string()), std::move(c));
+      d->append(string_from_libplist(key ? key : ""), std::move(c));
     }
   }
   return top;
@@ -383,6 +396,8 @@ Result<Ref<Object>> from_libplist(plist_t root) {
 
 Result<Ref<Object>> read_xml_plist(std::string_view bytes) {
   if (bytes.size() > UINT32_MAX) return Error{"plist: XML too large"};
+  // libplist frees its trees recursively: a deeper text would end the process on a full stack.
+  if (xml_nesting_exceeds(bytes)) return Error{"plist: XML nested deeper than the reader takes"};
   plist_t root = nullptr;
   plist_from_xml(bytes.data(), static_cast<uint32_t>(bytes.size()), &root);
   if (!root) return Error{"plist: not a well-formed XML property list"};

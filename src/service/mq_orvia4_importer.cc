@@ -120,7 +120,10 @@ Ref<MQImporterAccount> MQOrvia4Importer::accountWithAccount(const Account& accou
   auto record = make<MQImporterAccount>();
   record->username = account.username();
   record->userid = account.userid();
-  record->imageURLString = account.imageURLWithDefaults(context.userDefaults.get());
+  // Our choice: a picture address stored as anything but text is left out, since the client's
+  // record holds text there.
+  Ref<Object> picture = account.imageURLWithDefaults(context.userDefaults.get());
+  if (as_string(picture.get())) record->imageURLString = std::move(picture);
   return record;
 }
 
