@@ -58,8 +58,9 @@ int main(int argc, char** argv) {
   std::string archive_out, decode_path, home;
   bool direct = false;
   double timeout_seconds = 300;
-  app.add_option("--format", format, "How to print the import: tree (readable) or json")
-      ->check(CLI::IsMember({"tree", "json"}))
+  app.add_option("--format", format,
+                 "How to print the import: tree (readable), json, or none (print nothing; with --archive-out)")
+      ->check(CLI::IsMember({"tree", "json", "none"}))
       ->capture_default_str();
   app.add_option("--archive-out", archive_out, "Also write the reply's archive, byte for byte, to FILE")
       ->option_text("FILE");
@@ -114,6 +115,7 @@ int main(int argc, char** argv) {
   if (!archive_out.empty() && !write_file(archive_out, *archive)) {
     return fail(kExitBadArchive, "cannot write " + archive_out);
   }
+  if (format == "none") return kExitSuccess;
 
   // Every object of the decoded reply belongs to this heap; it cuts any cycles at the end.
   orvia::Heap heap;

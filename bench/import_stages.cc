@@ -1,0 +1,366 @@
+// import_stages: one import of a home folder, run in this process stage by stage with the same library
+// calls as the import run, and timed per stage:
+//
+//   preferences + sidebar   the install check (reads the preferences), every account's sidebar model and
+//                           the shared albums model (with the log line of their identifiers)
+//   store reads             attaching the store, the account, album and favourite fetches, and reading
+//                           every album's media rows (the stored keyed archives, copied out)
+//   media conversion        decoding each stored media record and converting it to the newer form, and
+//                           handing the converted records to their album nodes (media-decode: the
+//                           decoding alone, in a pass of its own after the import)
+//   export                  the folder tree exports of every account and of the shared albums model,
+//                           with blocked users, account records and statistics nodes (media left out:
+//                           they are the stage above)
+//   archive writing         archive_root of the results: the reply's bytes
+//   teardown                releasing the request's objects (the request's heap ends)
+//
+// The reply is the one the import run makes (the script compares its bytes with orvia4-import's).
+//
+//   import_stages --home DIR [--archive-out FILE]
+//
+// Prints "stage <name> <wall seconds> <cpu seconds>" lines, then "info <key> <value>" lines. Log lines
+// go to stderr, as the service's do.
+#include <time.h>
+
+#include <chrono>
+#include <cstdio>
+#include <cstring>
+#include <fstream>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <unordered_map>
+#include <utility>
+#include <vector>
+
+#include "legacy/core_data_wrapper.h"
+#include "legacy/media_conversion.h"
+#include "legacy/user_defaults_wrapper.h"
+#include "nodes/folder_export.h"
+#include "nodes/importer_context.h"
+#include "outline/outline_folder_model.h"
+#include "platform/keyed_archive.h"
+#include "platform/log.h"
+#include "platform/queue.h"
+#include "records/records.h"
+#include "service/mq_orvia4_importer.h"
+
+namespace orvia {
+namespace {
+
+double cpu_now() {
+  timespec ts{};
+  clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &ts);
+  return static_cast<double>(ts.tv_sec) + static_cast<double>(ts.tv_nsec) * 1e-9;
+}
+
+double wall_now() {
+  return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
+}
+
+// Wall and CPU seconds per stage, summed over every interval charged to it.
+class Stages {
+ public:
+  struct Totals {
+    double wall = 0, cpu = 0;
+  };
+  class Interval {
+   public:
+    Interval(Stages& stages, const char* name) : stages_(stages), name_(name), wall_(wall_now()), cpu_(cpu_now()) {}
+    ~Interval() {
+      Totals& t = stages_.get(name_);
+      t.wall += wall_now() - wall_;
+      t.cpu += cpu_now() - cpu_;
+    }
+    Interval(const Interval&) = delete;
+    Interval& operator=(const Interval&) = delete;
+
+   private:
+    Stages& stages_;
+    const char* name_;
+    double wall_, cpu_;
+  };
+
+  Totals& get(const char* name) {
+    for (auto& [n, t] : order_)
+      if (n == name) return t;
+    order_.emplace_back(name, Totals{});
+    return order_.back().second;
+  }
+  const std::vector<std::pair<std::string, Totals>>& all() const { return order_; }
+
+ private:
+  std::vector<std::pair<std::string, Totals>> order_;
+};
+
+constexpr const char* kPrefs = "preferences+sidebar";
+constexpr const char* kStore = "store-reads";
+constexpr const char* kMedia = "media-conversion";
+// Decoding alone, measured in a pass of its own after the import (so that the import's own figures
+// keep its pattern of allocation): the part of kMedia that decoding the stored records takes.
+constexpr const char* kMediaDecode = "media-decode";
+constexpr const char* kExport = "export";
+constexpr const char* kArchive = "archive-writing";
+constexpr const char* kTeardown = "teardown";
+
+// One stored media record as read from the store.
+struct MediaRow {
+  std::string bytes;
+  bool has_dictionary = false;
+  std::int64_t entity = 0, primary_key = 0;
+};
+
+struct AlbumRows {
+  std::size_t begin = 0, end = 0;
+  bool handed_out = false;
+};
+
+struct RunOutcome {
+  bool ok = false;
+  std::string error;
+  std::string archive;
+  std::size_t accounts = 0, results = 0, albums = 0, media = 0, media_bytes = 0;
+  std::vector<MediaRow> rows;
+};
+
+// The record's newer form through the same call the album builder makes for a row of the store.
+Ref<Dictionary> convert(const MediaRow& row, const CoreDataStore& store) {
+  ImageItemRow r;
+  r.store = &store;
+  r.entity = row.entity;
+  r.primary_key = row.primary_key;
+  r.has_dictionary = row.has_dictionary;
+  r.dictionary = row.bytes;
+  return r.convertedDictionary();
+}
+
+// The import run's continuation, stage by stage (see the file comment).
+void continue_import(Stages& stages, const Ref<MQUserDefaultsWrapper>& defaults, const Ref<MQCoreDataWrapper>& store,
+                     RunOutcome& out) {
+  // The request's objects die with its heap; the teardown interval covers the locals going too.
+  std::optional<Heap> heap(std::in_place);
+  std::optional<Stages::Interval> teardown;
+  {
+    HeapScope scope(*heap);
+    std::optional<std::vector<Ref<Account>>> accounts;
+    {
+      Stages::Interval t(stages, kStore);
+      accounts = store->currentAccounts();
+    }
+    if (!accounts || accounts->empty()) {
+      out.error = "the store holds no accounts";
+      return;
+    }
+    out.accounts = accounts->size();
+
+    // Sidebar models: the accounts' and the shared albums structure.
+    std::vector<std::pair<Ref<Account>, Ref<OutlineFolderModel>>> models;
+    Ref<OutlineFolderModel> album_model;
+    {
+      Stages::Interval t(stages, kPrefs);
+      for (const Ref<Account>& account : *accounts) {
+        Ref<Object> userid = account->userid();
+        if (!userid) {
+          NSLog("invalid account: %@", account);
+          continue;
+        }
+        Ref<OutlineFolderModel> model = OutlineFolderModel::initWithExistingUser(userid, false, defaults);
+        NSLog("%@", model->identifiers());
+        models.emplace_back(account, model);
+      }
+      album_model = OutlineFolderModel::initWithExistingUser(str(kAlbumPseudoUser), false, defaults);
+    }
+
+    // Fetches, then every album's stored media records.
+    auto lookups = std::make_shared<ImportLookups>();
+    std::vector<MediaRow> rows;
+    std::unordered_map<std::string, AlbumRows> album_rows;  // by the album node's identifier
+    {
+      Stages::Interval t(stages, kStore);
+      for (const auto& [account, model] : models) lookups->friends(*store, account.get());
+      const auto& albums = lookups->albums(*store);
+      if (albums) {
+        out.albums = albums->size();
+        for (const Ref<ImageList>& album : *albums) {
+          AlbumRows range;
+          range.begin = rows.size();
+          album->enumerateImages([&](const ImageItemRow& row) {
+            MediaRow& r = rows.emplace_back();
+            r.has_dictionary = row.has_dictionary;
+            r.bytes.assign(row.dictionary.data(), row.dictionary.size());
+            r.entity = row.entity;
+            r.primary_key = row.primary_key;
+            out.media_bytes += row.dictionary.size();
+            return true;
+          });
+          range.end = rows.size();
+          album_rows.emplace("ff-" + album->objectURI(), range);
+        }
+      }
+    }
+    out.media = rows.size();
+
+    // Decoding and converting every record, one after the other as the import does.
+    const StoreContext context = store->managedObjectContext();
+    const CoreDataStore& raw_store = *context;
+    std::vector<Ref<Dictionary>> converted;
+    {
+      Stages::Interval t(stages, kMedia);
+      converted.reserve(rows.size());
+      for (const MediaRow& row : rows) converted.push_back(convert(row, raw_store));
+    }
+
+    // The exports, as the run makes them, with the media left for the album nodes to receive below.
+    auto results = mutable_array();
+    Ref<Object> albums_tree;
+    {
+      Stages::Interval t(stages, kExport);
+      Ref<MQOrvia4Importer> importer = MQOrvia4Importer::initWithHome(defaults->homeFolder());
+      for (const auto& [account, model] : models) {
+        Ref<MQImporterContext> context = MQImporterContext::contextWithDefaults(defaults, account, store, lookups);
+        context->convertMedia = false;
+        Ref<MQImporterNodeResult> result = folderTreeWithContext(*model, *context);
+        result->blacklist = importer->blackListsWithContext(*context);
+        result->account = importer->accountWithAccount(*account, *context);
+        result->statistics = importer->statisticsNodeWithAccount(*account, *context);
+        results->push_back(result);
+      }
+      Ref<MQImporterContext> album_context = MQImporterContext::contextWithDefaults(defaults, nullptr, store, lookups);
+      album_context->convertMedia = false;
+      albums_tree = folderTreeWithContext(*album_model, *album_context)->albums;
+      for (const Ref<Object>& r : results->items()) static_cast<MQImporterNodeResult*>(r.get())->albums = albums_tree;
+    }
+    out.results = results->size();
+
+    // Every album node of the shared tree receives its album's converted media, in the store's order;
+    // an album filed twice gets records of its own the second time, as the builders make them anew.
+    {
+      Stages::Interval t(stages, kMedia);
+      std::vector<Object*> stack;
+      if (albums_tree) stack.push_back(albums_tree.get());
+      while (!stack.empty()) {
+        Object* node = stack.back();
+        stack.pop_back();
+        if (auto* folder = dynamic_cast<MQImporterNodeFolder*>(node)) {
+          if (const Array* children = as_array(folder->children.get())) {
+            for (auto it = children->items().rbegin(); it != children->items().rend(); ++it) stack.push_back(it->get());
+          }
+        } else if (auto* album = dynamic_cast<MQImporterNodeAlbum*>(node)) {
+          auto items = mutable_array();
+          const String* id = as_string(album->identifier.get());
+          auto found = id ? album_rows.find(id->str()) : album_rows.end();
+          if (found != album_rows.end()) {
+            AlbumRows& range = found->second;
+            items->mutable_items().reserve(range.end - range.begin);
+            for (std::size_t i = range.begin; i < range.end; ++i) {
+              items->push_back(range.handed_out ? Ref<Object>(convert(rows[i], raw_store)) : Ref<Object>(converted[i]));
+            }
+            range.handed_out = true;
+          }
+          album->items = items;
+        }
+      }
+      converted.clear();
+      converted.shrink_to_fit();
+    }
+    out.rows = std::move(rows);  // kept for the decoding figure, measured after the import
+
+    {
+      Stages::Interval t(stages, kArchive);
+      out.archive = archive_root(make<Array>(results->items(), false).get());
+    }
+    out.ok = true;
+    teardown.emplace(stages, kTeardown);
+  }
+  heap.reset();
+}
+
+int run(const std::string& home, const std::string& archive_out) {
+  register_record_classes();
+  register_outline_classes();
+  Stages stages;
+  RunOutcome out;
+  const double start_wall = wall_now(), start_cpu = cpu_now();
+
+  Ref<MQUserDefaultsWrapper> defaults;
+  bool installed = false;
+  {
+    Stages::Interval t(stages, kPrefs);
+    defaults = MQUserDefaultsWrapper::initWithBundleID(kLegacyBundleID, home);
+    installed = defaults->hasExistingOrviaInstall();
+  }
+  if (!installed) {
+    std::fprintf(stderr, "import_stages: no legacy installation below %s\n", home.c_str());
+    return 1;
+  }
+
+  bool done = false;
+  std::optional<Stages::Interval> attach(std::in_place, stages, kStore);
+  Ref<MQCoreDataWrapper> store;
+  store = MQCoreDataWrapper::initWithStorePath(
+      MQCoreDataWrapper::storePathForHome(home),
+      [&] {
+        attach.reset();
+        continue_import(stages, defaults, store, out);
+        done = true;
+      },
+      defaults,
+      [&] {
+        attach.reset();
+        out.error = "the store could not be attached";
+        done = true;
+      });
+  while (!done) MainQueue::shared().drain(std::chrono::milliseconds(5));
+  const double total_wall = wall_now() - start_wall, total_cpu = cpu_now() - start_cpu;
+
+  if (!out.ok) {
+    std::fprintf(stderr, "import_stages: %s\n", out.error.c_str());
+    return 1;
+  }
+  if (!archive_out.empty()) {
+    std::ofstream file(archive_out, std::ios::binary | std::ios::trunc);
+    file.write(out.archive.data(), static_cast<std::streamsize>(out.archive.size()));
+    if (!file.flush()) {
+      std::fprintf(stderr, "import_stages: cannot write %s\n", archive_out.c_str());
+      return 1;
+    }
+  }
+  {
+    Heap heap;  // as the import's objects, these belong to a heap
+    HeapScope scope(heap);
+    Stages::Interval t(stages, kMediaDecode);
+    for (const MediaRow& row : out.rows) {
+      if (row.has_dictionary) (void)decode_media_record(row.bytes);
+    }
+  }
+  for (const auto& [name, t] : stages.all()) std::printf("stage %s %.6f %.6f\n", name.c_str(), t.wall, t.cpu);
+  std::printf("stage total %.6f %.6f\n", total_wall, total_cpu);
+  std::printf("info accounts %zu\ninfo results %zu\ninfo albums %zu\ninfo media %zu\ninfo media_bytes %zu\n",
+              out.accounts, out.results, out.albums, out.media, out.media_bytes);
+  std::printf("info archive_bytes %zu\n", out.archive.size());
+  return 0;
+}
+
+}  // namespace
+}  // namespace orvia
+
+int main(int argc, char** argv) {
+  std::string home, archive_out;
+  for (int i = 1; i < argc; ++i) {
+    const std::string arg = argv[i];
+    if (arg == "--home" && i + 1 < argc) {
+      home = argv[++i];
+    } else if (arg == "--archive-out" && i + 1 < argc) {
+      archive_out = argv[++i];
+    } else {
+      std::fprintf(stderr, "usage: import_stages --home DIR [--archive-out FILE]\n");
+      return 2;
+    }
+  }
+  if (home.empty()) {
+    std::fprintf(stderr, "usage: import_stages --home DIR [--archive-out FILE]\n");
+    return 2;
+  }
+  return orvia::run(home, archive_out);
+}
