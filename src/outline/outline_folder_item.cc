@@ -15,6 +15,23 @@ bool is_base_identifier(std::string_view id) {
          id == kFolderLocationsIdentifier;
 }
 
+// A title or identifier as the item's description shows it. A record or container there (only a
+// damaged archive has one) shows as its address form: describing it could describe an item again, and
+// a chain of items nested through their titles would then recurse as deep as the archive.
+FormatArg field_arg(const Object* value, std::string& scratch) {
+  if (!value) return FormatArg(nullptr);
+  switch (value->kind()) {
+    case ObjectKind::Array:
+    case ObjectKind::Dictionary:
+    case ObjectKind::Set:
+    case ObjectKind::Record:
+      scratch = format("<%@: %p>", {FormatArg(value->class_name()), FormatArg(static_cast<const void*>(value))});
+      return FormatArg(scratch);
+    default:
+      return FormatArg(value);
+  }
+}
+
 }  // namespace
 
 OutlineFolderItem* OutlineFolderItem::as_item(const Object* o) {
@@ -83,9 +100,10 @@ OutlineFolderItem* OutlineFolderItem::rootItem() const {
 }
 
 std::string OutlineFolderItem::description() const {
+  std::string title_scratch, identifier_scratch;
   return format("<OutlineFolderItem %p '%@' %li children '%@'>",
-                {FormatArg(static_cast<const void*>(this)), FormatArg(title),
-                 FormatArg(static_cast<std::int64_t>(childCount())), FormatArg(identifier)});
+                {FormatArg(static_cast<const void*>(this)), field_arg(title.get(), title_scratch),
+                 FormatArg(static_cast<std::int64_t>(childCount())), field_arg(identifier.get(), identifier_scratch)});
 }
 
 void OutlineFolderItem::calculateSortIndex(const Object* list) {

@@ -317,11 +317,11 @@ Result<Ref<Object>> from_libplist(plist_t root) {
         return Number::from_real(v);
       }
       case PLIST_STRING: {
-        // By pointer and length: plist_get_string_val asserts (ending the process) on a string that
-        // holds a NUL, which XML can spell as "&#0;".
+        // By pointer and length: plist_get_string_val asserts (ending the process) when the text holds
+        // a NUL byte. The text ends at the NUL, as libplist writes it (what follows is not kept).
         uint64_t len = 0;
         const char* s = plist_get_string_ptr(n, &len);
-        return string_from_libplist(s ? std::string(s, len) : std::string());
+        return string_from_libplist(s ? std::string(s, strnlen(s, len)) : std::string());
       }
       case PLIST_DATA: {
         char* d = nullptr;

@@ -163,6 +163,12 @@ Ref<Dictionary> mutable_dict(std::initializer_list<std::pair<std::string_view, R
   return d;
 }
 
+namespace {
+// Reals compare by value, except that NaN equals NaN (as NSNumber compares them): a value holding NaN
+// is equal to itself and to its copy through a file.
+bool same_real(double a, double b) { return a == b || (std::isnan(a) && std::isnan(b)); }
+}  // namespace
+
 bool deep_equal(const Object* a, const Object* b) {
   std::vector<std::pair<const Object*, const Object*>> work{{a, b}};
   std::set<std::pair<const Object*, const Object*>> seen;
@@ -180,14 +186,14 @@ bool deep_equal(const Object* a, const Object* b) {
         const Number* n = as_number(y);
         if (m->is_bool() != n->is_bool()) return false;
         if (m->is_real() || n->is_real()) {
-          if (!(m->real_value() == n->real_value())) return false;
+          if (!same_real(m->real_value(), n->real_value())) return false;
         } else if (m->raw_bits() != n->raw_bits() || m->type() != n->type()) {
           return false;
         }
         break;
       }
       case ObjectKind::Date:
-        if (as_date(x)->time() != as_date(y)->time()) return false;
+        if (!same_real(as_date(x)->time(), as_date(y)->time())) return false;
         break;
       case ObjectKind::Data:
         if (as_data(x)->bytes() != as_data(y)->bytes()) return false;

@@ -132,6 +132,21 @@ TEST(OutlineFolderItem, DescriptionNamesAddressTitleChildrenAndIdentifier) {
   expect_description(tags->description(), "'" + std::string(kTags) + "' 2 children '" + std::string(kTags) + "'>");
   expect_description(OutlineFolderItem::alloc()->description(), "'(null)' 0 children '(null)'>");
   EXPECT_NE(tags->description(), base_folder(kTags)->description());  // the address tells them apart
+
+  // A damaged archive may hold an item (or a list) as a title or identifier: it shows by its address
+  // form, so a chain of 100,000 items nested through their titles describes without recursing.
+  Ref<OutlineFolderItem> top = OutlineFolderItem::alloc();
+  Ref<OutlineFolderItem> cur = top;
+  for (int i = 0; i < 100000; ++i) {
+    Ref<OutlineFolderItem> next = OutlineFolderItem::alloc();
+    cur->title = next;
+    cur->identifier = array({next});
+    cur = next;
+  }
+  const std::string text = top->description();
+  EXPECT_NE(text.find("' 0 children '<NSArray: 0x"), std::string::npos) << text;
+  EXPECT_EQ(text.rfind("<OutlineFolderItem 0x", 0), 0u) << text;
+  EXPECT_NE(text.find("'<OutlineFolderItem: 0x"), std::string::npos) << text;
 }
 
 TEST(OutlineFolderItem, ArchiveWritesEightKeysInOrderWithTheParentInFull) {

@@ -85,6 +85,15 @@ TEST(PlistText, IllFormedUtf8ReadsAsReplacementAndRoundTrips) {
   }
 }
 
+TEST(PlistText, XmlStringHoldingNulReads) {
+  // Asking libplist for the C string would end the process; the text ends at the NUL, as it is written.
+  auto read = read_xml_plist(std::string("<plist version=\"1.0\"><array><string>a\0b</string></array></plist>", 64));
+  ASSERT_TRUE(read.ok()) << read.error().message;
+  const Array* list = as_array(read.value().get());
+  ASSERT_TRUE(list && list->size() == 1);
+  EXPECT_EQ(text_of(list->at(0).get()), "a");
+}
+
 TEST(PlistText, ArchivedKeysReadAsStringValuesDo) {
   // A record of an unknown class whose key is an ASCII-marker string with a Latin-1 byte, and one whose
   // key is ill-formed UTF-8: the keys read as the strings would, and archive back unchanged.

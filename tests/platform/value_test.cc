@@ -1,5 +1,8 @@
 #include <gtest/gtest.h>
 
+#include <cmath>
+
+#include "platform/plist.h"
 #include "platform/value.h"
 
 namespace orvia {
@@ -46,6 +49,32 @@ TEST(Number, KeepsKindsApart) {
   EXPECT_EQ(Number::from_uint(UINT64_MAX)->uint_value(), UINT64_MAX);
   EXPECT_EQ(Number::from_uint(5)->type(), Number::Type::Signed);
   EXPECT_EQ(real(-2.75)->int_value(), -2);
+}
+
+TEST(DeepEqual, RealsAndDatesCompareByValueWithNaNEqualToNaN) {
+  const double nan = std::nan("");
+  struct Case {
+    const char* name;
+    Ref<Object> a, b;
+    bool equal;
+  };
+  const Case cases[] = {
+      {"NaN and NaN", real(nan), real(-nan), true},
+      {"NaN and a number", real(nan), real(1.0), false},
+      {"real and integer of one value", real(1.0), num(1), true},
+      {"zero and negative zero", real(0.0), real(-0.0), true},
+      {"NaN dates", date(nan), date(nan), true},
+      {"NaN date and a date", date(nan), date(0), false},
+  };
+  for (const Case& c : cases) {
+    EXPECT_EQ(deep_equal(c.a.get(), c.b.get()), c.equal) << c.name;
+    // A value holding NaN equals its copy through a property list.
+    auto bytes = write_binary_plist(array({c.a}).get());
+    ASSERT_TRUE(bytes.ok()) << c.name;
+    auto back = read_binary_plist(bytes.value());
+    ASSERT_TRUE(back.ok()) << c.name;
+    EXPECT_TRUE(deep_equal(array({c.a}).get(), back.value().get())) << c.name;
+  }
 }
 
 }  // namespace

@@ -1,0 +1,36 @@
+// The conversion of a stored media record: the bytes stand for the store's `dictionary` attribute.
+// Decoding fails or gives a dictionary, which converts (a failure converts as an empty record); the
+// converted record is printed and archived, as the reply carries it.
+#include <cstdint>
+#include <string>
+
+#include "fuzz_common.h"
+#include "legacy/media_conversion.h"
+#include "platform/description.h"
+#include "platform/keyed_archive.h"
+#include "outline/outline_folder_item.h"
+#include "records/records.h"
+
+extern "C" int LLVMFuzzerInitialize(int*, char***) {
+  orvia::fuzz::quiet_log();
+  // As the service has them while it converts media.
+  orvia::register_record_classes();
+  orvia::register_outline_classes();
+  return 0;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  using namespace orvia;
+  fuzz::with_heap([&] {
+    std::string_view bytes = fuzz::bytes_of(data, size);
+    Result<Ref<Dictionary>> stored = decode_media_record(bytes);
+    Ref<Dictionary> converted = convertedDictionary(stored.ok() ? stored.value().get() : nullptr);
+    if (!converted) fuzz::fail("convertedDictionary gave nil");
+    (void)description(converted.get());
+    std::string archived = archive_root(converted.get());
+    if (!unarchive(archived).ok()) fuzz::fail("a converted record does not archive");
+    // The entry point the album builder uses (decoding again, logging a failure).
+    (void)convertedDictionaryFromArchive(&bytes, "x-coredata://fuzz/ImageItem/p1");
+  });
+  return 0;
+}
