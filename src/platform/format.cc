@@ -68,17 +68,17 @@ const void* address_of(const FormatArg* arg) {
   return nullptr;
 }
 
-struct Spec {
+struct Conversion {
   std::string flags;
   unsigned width = 0;
   bool has_precision = false;
   unsigned precision = 0;
 };
 
-void pad(std::string& out, std::string text, const Spec& spec) {
-  if (text.size() < spec.width) {
-    std::string fill(spec.width - text.size(), ' ');
-    if (spec.flags.find('-') != std::string::npos) {
+void pad(std::string& out, std::string text, const Conversion& conv) {
+  if (text.size() < conv.width) {
+    std::string fill(conv.width - text.size(), ' ');
+    if (conv.flags.find('-') != std::string::npos) {
       text += fill;
     } else {
       text.insert(0, fill);
@@ -87,20 +87,20 @@ void pad(std::string& out, std::string text, const Spec& spec) {
   out += text;
 }
 
-void append_integer(std::string& out, char conv, std::int64_t v, const Spec& spec) {
+void append_integer(std::string& out, char conv, std::int64_t v, const Conversion& conv) {
   // Every integer conversion prints the argument's full 64-bit value, whatever its length modifier.
   const bool is_signed = conv == 'd' || conv == 'i';
   std::string f = "%";
-  for (char flag : spec.flags) {
+  for (char flag : conv.flags) {
     // Only the flags that C defines for the conversion: '+' and ' ' for signed, '#' for x, X and o.
     if ((flag == '+' || flag == ' ') && !is_signed) continue;
     if (flag == '#' && (is_signed || conv == 'u')) continue;
     f += flag;
   }
-  if (spec.width) f += std::to_string(spec.width);
-  if (spec.has_precision) {
+  if (conv.width) f += std::to_string(conv.width);
+  if (conv.has_precision) {
     f += '.';
-    f += std::to_string(spec.precision);
+    f += std::to_string(conv.precision);
   }
   f += "ll";
   f += conv;
@@ -139,15 +139,15 @@ std::string format(std::string_view fmt, std::initializer_list<FormatArg> args) 
       continue;
     }
     const std::size_t start = i++;
-    Spec spec;
+    Conversion conv;
     for (; i < fmt.size() && std::string_view("-+ 0#").find(fmt[i]) != std::string_view::npos; ++i) {
-      if (spec.flags.find(fmt[i]) == std::string::npos) spec.flags += fmt[i];
+      if (conv.flags.find(fmt[i]) == std::string::npos) conv.flags += fmt[i];
     }
-    bool ok = read_number(fmt, i, spec.width);
+    bool ok = read_number(fmt, i, conv.width);
     if (ok && i < fmt.size() && fmt[i] == '.') {
       ++i;
-      spec.has_precision = true;
-      ok = read_number(fmt, i, spec.precision);
+      conv.has_precision = true;
+      ok = read_number(fmt, i, conv.precision);
     }
     while (ok && i < fmt.size() && std::string_view("hlqjzt").find(fmt[i]) != std::string_view::npos) ++i;
     if (!ok || i >= fmt.size()) {
@@ -161,10 +161,10 @@ std::string format(std::string_view fmt, std::initializer_list<FormatArg> args) 
         out += '%';
         break;
       case '@':
-        pad(out, object_text(take()), spec);
+        pad(out, object_text(take()), conv);
         break;
       case 'p':
-        pad(out, pointer_text(address_of(take())), spec);
+        pad(out, pointer_text(address_of(take())), conv);
         break;
       case 'd':
       case 'i':
@@ -172,7 +172,7 @@ std::string format(std::string_view fmt, std::initializer_list<FormatArg> args) 
       case 'x':
       case 'X':
       case 'o':
-        append_integer(out, conv, integer_of(take()), spec);
+        append_integer(out, conv, integer_of(take()), conv);
         break;
       default:
         // Conversions the system's format strings do not use are copied as written and take no argument.
