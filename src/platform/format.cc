@@ -68,17 +68,17 @@ const void* address_of(const FormatArg* arg) {
   return nullptr;
 }
 
-struct Conversion {
+struct FieldFormat {
   std::string flags;
   unsigned width = 0;
   bool has_precision = false;
   unsigned precision = 0;
 };
 
-void pad(std::string& out, std::string text, const Conversion& conv) {
-  if (text.size() < conv.width) {
-    std::string fill(conv.width - text.size(), ' ');
-    if (conv.flags.find('-') != std::string::npos) {
+void pad(std::string& out, std::string text, const FieldFormat& field) {
+  if (text.size() < field.width) {
+    std::string fill(field.width - text.size(), ' ');
+    if (field.flags.find('-') != std::string::npos) {
       text += fill;
     } else {
       text.insert(0, fill);
@@ -87,20 +87,20 @@ void pad(std::string& out, std::string text, const Conversion& conv) {
   out += text;
 }
 
-void append_integer(std::string& out, char conv, std::int64_t v, const Conversion& conv) {
+void append_integer(std::string& out, char conv, std::int64_t v, const FieldFormat& field) {
   // Every integer conversion prints the argument's full 64-bit value, whatever its length modifier.
   const bool is_signed = conv == 'd' || conv == 'i';
   std::string f = "%";
-  for (char flag : conv.flags) {
+  for (char flag : field.flags) {
     // Only the flags that C defines for the conversion: '+' and ' ' for signed, '#' for x, X and o.
     if ((flag == '+' || flag == ' ') && !is_signed) continue;
     if (flag == '#' && (is_signed || conv == 'u')) continue;
     f += flag;
   }
-  if (conv.width) f += std::to_string(conv.width);
-  if (conv.has_precision) {
+  if (field.width) f += std::to_string(field.width);
+  if (field.has_precision) {
     f += '.';
-    f += std::to_string(conv.precision);
+    f += std::to_string(field.precision);
   }
   f += "ll";
   f += conv;
@@ -139,15 +139,15 @@ std::string format(std::string_view fmt, std::initializer_list<FormatArg> args) 
       continue;
     }
     const std::size_t start = i++;
-    Conversion conv;
+    FieldFormat field;
     for (; i < fmt.size() && std::string_view("-+ 0#").find(fmt[i]) != std::string_view::npos; ++i) {
-      if (conv.flags.find(fmt[i]) == std::string::npos) conv.flags += fmt[i];
+      if (field.flags.find(fmt[i]) == std::string::npos) field.flags += fmt[i];
     }
-    bool ok = read_number(fmt, i, conv.width);
+    bool ok = read_number(fmt, i, field.width);
     if (ok && i < fmt.size() && fmt[i] == '.') {
       ++i;
-      conv.has_precision = true;
-      ok = read_number(fmt, i, conv.precision);
+      field.has_precision = true;
+      ok = read_number(fmt, i, field.precision);
     }
     while (ok && i < fmt.size() && std::string_view("hlqjzt").find(fmt[i]) != std::string_view::npos) ++i;
     if (!ok || i >= fmt.size()) {
@@ -161,10 +161,10 @@ std::string format(std::string_view fmt, std::initializer_list<FormatArg> args) 
         out += '%';
         break;
       case '@':
-        pad(out, object_text(take()), conv);
+        pad(out, object_text(take()), field);
         break;
       case 'p':
-        pad(out, pointer_text(address_of(take())), conv);
+        pad(out, pointer_text(address_of(take())), field);
         break;
       case 'd':
       case 'i':
@@ -172,7 +172,7 @@ std::string format(std::string_view fmt, std::initializer_list<FormatArg> args) 
       case 'x':
       case 'X':
       case 'o':
-        append_integer(out, conv, integer_of(take()), conv);
+        append_integer(out, conv, integer_of(take()), field);
         break;
       default:
         // Conversions the system's format strings do not use are copied as written and take no argument.
