@@ -47,7 +47,9 @@ Ref<Dictionary> MQUserDefaultsWrapper::preferences() const {
     stamp.ctime_ns = static_cast<std::int64_t>(st.st_ctim.tv_sec) * 1000000000 + st.st_ctim.tv_nsec;
   }
   std::lock_guard<std::mutex> lock(mutex_);
-  if (cached_ && stamp == stamp_ && heap_ == Heap::current()) return top_;
+  // Values read outside any heap belong to none and stay whole wherever they are used, so the file
+  // read for the installation check serves the run too; values read inside a heap end with it.
+  if (cached_ && stamp == stamp_ && (heap_ == nullptr || heap_ == Heap::current())) return top_;
   Ref<Dictionary> top;
   if (stamp.exists) {
     auto parsed = read_property_list_file(path);
