@@ -12,7 +12,7 @@ namespace {
 
 // What a profile holds at scale 1. Friends, tags and locations are per account; albums and media
 // belong to no account.
-struct ProfileSpec {
+struct ProfileShape {
   int accounts;
   std::int64_t albums, media, friends, tags, locations;
   std::int64_t folders;         // sub-folders per category of each account's tree
@@ -30,11 +30,11 @@ struct ProfileSpec {
   std::int64_t albums_order, friends_order;
 };
 
-constexpr ProfileSpec kDemo{2, 10, 50, 12, 12, 12, 3, 2, 7, 3, 2, 4, 2, 0.75, 0.1, 1, 0.1, 1,
+constexpr ProfileShape kDemo{2, 10, 50, 12, 12, 12, 3, 2, 7, 3, 2, 4, 2, 0.75, 0.1, 1, 0.1, 1,
                             false, false, 0.0, 0, 0};
-constexpr ProfileSpec kTypical{3, 100, 5000, 300, 300, 300, 40, 4, 70, 15, 12, 25, 10, 0.85, 0.02, 3,
+constexpr ProfileShape kTypical{3, 100, 5000, 300, 300, 300, 40, 4, 70, 15, 12, 25, 10, 0.85, 0.02, 3,
                                0.08, 2, true, true, 0.02, 1, 1};
-constexpr ProfileSpec kHeavy{5, 2000, 200000, 5000, 5000, 5000, 1200, 5, 1500, 300, 60, 200, 100, 0.9,
+constexpr ProfileShape kHeavy{5, 2000, 200000, 5000, 5000, 5000, 1200, 5, 1500, 300, 60, 200, 100, 0.9,
                              0.01, 10, 0.08, 2, true, true, 0.02, 2, 2};
 
 const std::vector<std::string> kTagWords = {
@@ -272,7 +272,7 @@ std::string Plan::friend_uri(std::int64_t pk) const {
 }
 
 Plan make_plan(const SampleOptions& options) {
-  const ProfileSpec& spec = options.profile == Profile::Demo      ? kDemo
+  const ProfileShape& shape = options.profile == Profile::Demo      ? kDemo
                             : options.profile == Profile::Typical ? kTypical
                                                                   : kHeavy;
   const double k = options.scale;
@@ -286,8 +286,8 @@ Plan make_plan(const SampleOptions& options) {
   plan.base_unix = 1356998400 + static_cast<std::int64_t>(options.seed % 365) * 86400;
   const double base2001 = static_cast<double>(plan.base_unix - kUnixTo2001);
   const double three_years = 3 * 365 * 86400.0;
-  plan.albums_order = spec.albums_order;
-  plan.friends_order = spec.friends_order;
+  plan.albums_order = shape.albums_order;
+  plan.friends_order = shape.friends_order;
 
   // Accounts.
   std::unordered_set<std::string> handles;
@@ -299,7 +299,7 @@ Plan make_plan(const SampleOptions& options) {
       if (handles.insert(h).second) return h;
     }
   };
-  for (int i = 0; i < spec.accounts; ++i) {
+  for (int i = 0; i < shape.accounts; ++i) {
     AccountPlan a;
     a.pk = i + 1;
     a.uid = digits(rng, 9);
@@ -308,12 +308,12 @@ Plan make_plan(const SampleOptions& options) {
     a.token = a.uid + "." + hex(rng, 7) + "." + hex(rng, 32);
     a.picture_url = "https://photos.example/u/" + a.uid + "/profile_" + hex(rng, 8) + ".jpg";
     a.expiry = base2001 + three_years + 60 * 86400.0 + static_cast<double>(rng.below(86400));
-    a.has_statistics = !(spec.missing_statistics && i == spec.accounts - 1);
+    a.has_statistics = !(shape.missing_statistics && i == shape.accounts - 1);
     plan.accounts.push_back(std::move(a));
   }
 
   // Favourite friends, per account; primary keys follow the order in which they were added.
-  const std::int64_t friends_per_account = scaled(spec.friends, k);
+  const std::int64_t friends_per_account = scaled(shape.friends, k);
   struct Pending {
     std::size_t account;
     double added;
@@ -347,8 +347,8 @@ Plan make_plan(const SampleOptions& options) {
   }
 
   // Favourite tags and locations, per account.
-  const std::int64_t tags_per_account = scaled(spec.tags, k);
-  const std::int64_t locations_per_account = scaled(spec.locations, k);
+  const std::int64_t tags_per_account = scaled(shape.tags, k);
+  const std::int64_t locations_per_account = scaled(shape.locations, k);
   for (AccountPlan& a : plan.accounts) {
     UniqueNames tags(kTagWords, rng, "");
     for (std::int64_t j = 0; j < tags_per_account; ++j) {
@@ -388,8 +388,8 @@ Plan make_plan(const SampleOptions& options) {
   }
 
   // Albums: primary keys with gaps where albums were deleted (never the last key).
-  const std::int64_t albums = scaled(spec.albums, k);
-  const std::int64_t deleted = std::min<std::int64_t>(spec.deleted_albums, albums);
+  const std::int64_t albums = scaled(shape.albums, k);
+  const std::int64_t deleted = std::min<std::int64_t>(shape.deleted_albums, albums);
   std::set<std::int64_t> deleted_pks;
   while (static_cast<std::int64_t>(deleted_pks.size()) < deleted)
     deleted_pks.insert(rng.between(1, albums + deleted - 1));
@@ -411,7 +411,7 @@ Plan make_plan(const SampleOptions& options) {
     std::vector<std::size_t> order(plan.albums.size());
     for (std::size_t i = 0; i < order.size(); ++i) order[i] = i;
     rng.shuffle(order);
-    std::int64_t smart = std::min<std::int64_t>(scaled(spec.smart_lists, k), albums);
+    std::int64_t smart = std::min<std::int64_t>(scaled(shape.smart_lists, k), albums);
     for (std::int64_t s = 0; s < smart; ++s) {
       AlbumPlan& al = plan.albums[order[s]];
       al.smart = true;
@@ -420,12 +420,12 @@ Plan make_plan(const SampleOptions& options) {
   }
 
   // Media: how many each album holds, then primary keys handed out in the order the media arrived.
-  const std::int64_t media = scaled(spec.media, k);
+  const std::int64_t media = scaled(shape.media, k);
   {
     std::vector<double> weight(plan.albums.size());
     double total = 0;
     for (double& w : weight) {
-      w = rng.chance(spec.empty_albums) ? 0.0 : 0.2 + rng.unit() * 1.8;
+      w = rng.chance(shape.empty_albums) ? 0.0 : 0.2 + rng.unit() * 1.8;
       total += w;
     }
     if (total == 0) {
@@ -450,7 +450,7 @@ Plan make_plan(const SampleOptions& options) {
       m.pk = static_cast<std::int64_t>(i) + 1;
       m.album = arrival[i];
       // The first items always show the rarer forms, whatever the seed (see media_record).
-      m.video = m.pk == 4 || (m.pk > 8 && rng.chance(spec.videos));
+      m.video = m.pk == 4 || (m.pk > 8 && rng.chance(shape.videos));
       if (!plan.friends.empty() && rng.chance(0.05)) m.unread_by = plan.friends[rng.below(plan.friends.size())].pk;
       plan.albums[m.album].members.push_back(i);
       plan.media.push_back(m);
@@ -463,12 +463,12 @@ Plan make_plan(const SampleOptions& options) {
   }
 
   // Preferences-only data.
-  for (std::int64_t j = 0, n = scaled(spec.blacklist, k); j < n; ++j)
+  for (std::int64_t j = 0, n = scaled(shape.blacklist, k); j < n; ++j)
     plan.blacklist.emplace_back(digits(rng, static_cast<int>(rng.between(6, 10))), new_handle(rng));
   {
     const auto& own = plan.accounts[0].tags;
     std::set<std::string> seen;
-    for (std::int64_t j = 0, n = scaled(spec.plain_tags, k); j < n; ++j) {
+    for (std::int64_t j = 0, n = scaled(shape.plain_tags, k); j < n; ++j) {
       // The plain list predates the per-account lists: it shares some tags with them.
       std::string t = rng.chance(0.4) && !own.empty() ? own[rng.below(own.size())].tag
                       : rng.chance(0.15)               ? rng.pick(kCapitalTags)
@@ -476,7 +476,7 @@ Plan make_plan(const SampleOptions& options) {
       if (seen.insert(t).second) plan.plain_tags.push_back(t);
     }
     const auto& locs = plan.accounts[0].locations;
-    for (std::int64_t j = 0, n = scaled(spec.plain_locations, k); j < n; ++j) {
+    for (std::int64_t j = 0, n = scaled(shape.plain_locations, k); j < n; ++j) {
       if (rng.chance(0.4) && !locs.empty()) {
         plan.plain_locations.push_back(locs[rng.below(locs.size())]);
       } else {
@@ -487,7 +487,7 @@ Plan make_plan(const SampleOptions& options) {
   }
 
   // Sidebar trees, one per account.
-  const std::int64_t folders = demo ? spec.folders : scaled(spec.folders, k);
+  const std::int64_t folders = demo ? shape.folders : scaled(shape.folders, k);
   const double expanded_share = demo ? 0.6 : 0.3;
   for (std::size_t ai = 0; ai < plan.accounts.size(); ++ai) {
     const AccountPlan& a = plan.accounts[ai];
@@ -498,7 +498,7 @@ Plan make_plan(const SampleOptions& options) {
     int locations = add_base(tree, 0, kLocationsFolder, rng.chance(0.5));
 
     std::vector<std::pair<std::string, std::string>> entries;
-    for (std::size_t i : filed_selection(a.friends.size(), spec.filed, rng)) {
+    for (std::size_t i : filed_selection(a.friends.size(), shape.filed, rng)) {
       const FriendPlan& f = plan.friends[a.friends[i]];
       entries.emplace_back(f.name, "fa-" + plan.friend_uri(f.pk));
     }
@@ -509,34 +509,34 @@ Plan make_plan(const SampleOptions& options) {
       entries.emplace_back(f.name, "fa-" + plan.friend_uri(f.pk));
     }
     rng.shuffle(entries);
-    grow_category(tree, friends, kFriendsFolder, folders, spec.max_folder_level, entries, rng, expanded_share);
+    grow_category(tree, friends, kFriendsFolder, folders, shape.max_folder_level, entries, rng, expanded_share);
 
     entries.clear();
     for (std::size_t i : filed_selection(plan.albums.size(), 0.8, rng))
       entries.emplace_back(plan.albums[i].title, "ff-" + plan.album_uri(plan.albums[i]));
     rng.shuffle(entries);
-    grow_category(tree, albums_base, kAlbumsFolder, folders, spec.max_folder_level, entries, rng, expanded_share);
+    grow_category(tree, albums_base, kAlbumsFolder, folders, shape.max_folder_level, entries, rng, expanded_share);
 
     entries.clear();
     std::vector<std::size_t> lower;  // tags written in lower case only can be filed
     for (std::size_t i = 0; i < a.tags.size(); ++i)
       if (std::none_of(a.tags[i].tag.begin(), a.tags[i].tag.end(), [](char c) { return c >= 'A' && c <= 'Z'; }))
         lower.push_back(i);
-    for (std::size_t i : filed_selection(lower.size(), spec.filed, rng))
+    for (std::size_t i : filed_selection(lower.size(), shape.filed, rng))
       entries.emplace_back(a.tags[lower[i]].tag, "favtag-" + a.tags[lower[i]].tag);
     rng.shuffle(entries);
-    grow_category(tree, tags, kTagsFolder, folders, spec.max_folder_level, entries, rng, expanded_share);
+    grow_category(tree, tags, kTagsFolder, folders, shape.max_folder_level, entries, rng, expanded_share);
 
     entries.clear();
-    for (std::size_t i : filed_selection(a.locations.size(), spec.filed, rng))
+    for (std::size_t i : filed_selection(a.locations.size(), shape.filed, rng))
       entries.emplace_back(a.locations[i].name, "location-" + a.locations[i].id);
     rng.shuffle(entries);
-    grow_category(tree, locations, kLocationsFolder, folders, spec.max_folder_level, entries, rng, expanded_share);
+    grow_category(tree, locations, kLocationsFolder, folders, shape.max_folder_level, entries, rng, expanded_share);
     plan.trees.push_back(std::move(tree));
   }
 
   // The tree of an account that was removed from the old client: its sidebar stayed behind.
-  if (spec.stale_tree) {
+  if (shape.stale_tree) {
     SidebarTree tree = new_tree(digits(rng, 9));
     add_base(tree, 0, kFriendsFolder, true);
     int tags = add_base(tree, 0, kTagsFolder, false);
@@ -556,7 +556,7 @@ Plan make_plan(const SampleOptions& options) {
     tree.user = kSharedAlbumsUser;
     add_base(tree, -1, kAlbumsFolder, true);
     std::vector<std::pair<std::string, std::string>> entries;
-    std::int64_t filed = std::min<std::int64_t>(scaled(spec.shared_albums, k), albums);
+    std::int64_t filed = std::min<std::int64_t>(scaled(shape.shared_albums, k), albums);
     if (albums >= 2 && filed >= albums) filed = albums - 1;
     std::vector<std::size_t> order(plan.albums.size());
     for (std::size_t i = 0; i < order.size(); ++i) order[i] = i;
@@ -564,7 +564,7 @@ Plan make_plan(const SampleOptions& options) {
     for (std::int64_t j = 0; j < filed; ++j) {
       const AlbumPlan& al = plan.albums[order[j]];
       // Some entries keep the name the album had when it was filed.
-      std::string title = rng.chance(spec.renamed) ? al.title + " (old)" : al.title;
+      std::string title = rng.chance(shape.renamed) ? al.title + " (old)" : al.title;
       entries.emplace_back(title, "ff-" + plan.album_uri(al));
     }
     // Albums deleted from the store after they were filed.
@@ -572,8 +572,8 @@ Plan make_plan(const SampleOptions& options) {
       entries.emplace_back(demo ? "Deleted trip" : "Deleted album " + std::to_string(pk),
                            "ff-x-coredata://" + plan.store_uuid + "/ImageList/p" + std::to_string(pk));
     rng.shuffle(entries);
-    std::int64_t shared_folders = demo ? spec.shared_folders : scaled(spec.shared_folders, k);
-    grow_category(tree, 0, kAlbumsFolder, shared_folders, spec.max_folder_level, entries, rng, expanded_share);
+    std::int64_t shared_folders = demo ? shape.shared_folders : scaled(shape.shared_folders, k);
+    grow_category(tree, 0, kAlbumsFolder, shared_folders, shape.max_folder_level, entries, rng, expanded_share);
     plan.trees.push_back(std::move(tree));
   }
   return plan;
