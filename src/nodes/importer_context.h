@@ -82,7 +82,8 @@ class MQImporterContext final : public Record {
   void storeMessage(std::string text);
 
   ImportLookups& lookups() { return *lookups_; }
-  // Album nodes built in this context carry their converted media. The import run turns it off for
+  // Album nodes built in this context carry their media (converted as the reply is archived). The
+  // import run turns it off for
   // the accounts' own album trees, which the shared album tree replaces before the reply.
   bool convertMedia = true;
 

@@ -3,6 +3,7 @@
 #include <unicode/locid.h>
 #include <unicode/unistr.h>
 
+#include "nodes/album_media.h"
 #include "platform/format.h"
 #include "platform/log.h"
 
@@ -311,14 +312,11 @@ Ref<MQImporterNodeAlbum> album_node(ImageList& album, MQImporterContext& context
   node->type = MQImporterNodeTypeAlbum;
   node->identifier = str("ff-" + album.objectURI());
   node->albumName = album.title();
-  auto items = mutable_array();
-  if (context.convertMedia) {
-    album.enumerateImages([&](const ImageItemRow& row) {
-      items->push_back(row.convertedDictionary());
-      return true;
-    });
-  }
-  node->items = items;
+  // The media are read and converted when the reply is archived (see album_media.h).
+  if (context.convertMedia)
+    node->items = make<AlbumMediaList>(Ref<ImageList>(&album));
+  else
+    node->items = mutable_array();
   return node;
 }
 

@@ -1,5 +1,6 @@
 #include "platform/bplist_format.h"
 
+#include <algorithm>
 #include <cstring>
 #include <limits>
 
@@ -381,6 +382,22 @@ double View::real(const Item& it) const { return bits_to_double(it.scalar); }
 
 Builder::Builder() { objects_.reserve(64); }
 
+std::string_view Builder::Arena::copy(std::string_view bytes) {
+  if (bytes.empty()) return {};
+  if (bytes.size() > left_) {
+    constexpr std::size_t kBlock = 1 << 20;
+    const std::size_t size = std::max(bytes.size(), kBlock);
+    blocks_.push_back(std::make_unique_for_overwrite<char[]>(size));
+    next_ = blocks_.back().get();
+    left_ = size;
+  }
+  std::memcpy(next_, bytes.data(), bytes.size());
+  std::string_view stored(next_, bytes.size());
+  next_ += bytes.size();
+  left_ -= bytes.size();
+  return stored;
+}
+
 std::uint32_t Builder::push(Obj o) {
   objects_.push_back(o);
   return static_cast<std::uint32_t>(objects_.size() - 1);
@@ -426,8 +443,17 @@ std::uint32_t Builder::add_bytes(BytesTable& t, std::string_view bytes, Type typ
     if (t.slots[i].hash == tag && views_[objects_[v - 1].a] == bytes) return v - 1;
     i = (i + 1) & mask;
   }
-  views_.push_back(bytes);
-  std::uint32_t index = push(Obj{static_cast<std::uint8_t>(type), static_cast<std::uint8_t>(ascii), 0, views_.size() - 1});
+  views_.push_back(arena_.copy(bytes));
+  std::uint32_t aux = 0;
+  if (type == Type::Utf8String && !ascii) {
+    // Written as UTF-16BE: converted once here, so sizing and writing only copy.
+    std::string units;
+    std::uint64_t count = 0;
+    utf8_to_utf16be(bytes, units, count);
+    aux = static_cast<std::uint32_t>(utf16_.size());
+    utf16_.push_back(arena_.copy(units));
+  }
+  std::uint32_t index = push(Obj{static_cast<std::uint8_t>(type), static_cast<std::uint8_t>(ascii), aux, views_.size() - 1});
   t.slots[i] = Slot{index + 1, tag};
   ++t.used;
   return index;
@@ -530,13 +556,8 @@ std::uint64_t Builder::encoded_size(const Obj& o, unsigned ref_size) const {
     case Type::Utf8String:
     case Type::AsciiString:
     case Type::Utf16String: {
-      std::string_view s = views_[o.a];
-      if (o.flag) return count_header_size(s.size()) + s.size();
-      // The converter itself counts, so that sizes always agree with what is written.
-      std::string scratch;
-      std::uint64_t units = 0;
-      utf8_to_utf16be(s, scratch, units);
-      return count_header_size(units) + 2 * units;
+      if (o.flag) return count_header_size(views_[o.a].size()) + views_[o.a].size();
+      return count_header_size(utf16_[o.aux].size() / 2) + utf16_[o.aux].size();
     }
     case Type::Uid:
       return 1 + size_for(o.a);
@@ -561,7 +582,6 @@ std::string Builder::write(std::uint32_t top) const {
   std::string out;
   out.reserve(objects_end + count * offset_size + 32);
   out.append("bplist00");
-  std::string utf16;
 
   auto put_marker_count = [&](unsigned hi, std::uint64_t n) {
     if (n < 15) {
@@ -615,16 +635,14 @@ std::string Builder::write(std::uint32_t top) const {
       case Type::Utf8String:
       case Type::AsciiString:
       case Type::Utf16String: {
-        std::string_view s = views_[o.a];
         if (o.flag) {
+          std::string_view s = views_[o.a];
           put_marker_count(0x5, s.size());
           out.append(s);
         } else {
-          utf16.clear();
-          std::uint64_t units = 0;
-          utf8_to_utf16be(s, utf16, units);
-          put_marker_count(0x6, units);
-          out.append(utf16);
+          std::string_view units = utf16_[o.aux];
+          put_marker_count(0x6, units.size() / 2);
+          out.append(units);
         }
         break;
       }

@@ -15,6 +15,7 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <string_view>
 #include <unordered_map>
@@ -78,8 +79,8 @@ class Builder {
   Builder();
   // Reserves an index whose content is set later (containers, so that they precede their children).
   std::uint32_t reserve();
-  // Scalars; equal values share one object. add_string and add_data keep a view: the bytes must stay
-  // alive until write().
+  // Scalars; equal values share one object. Strings and data are copied, so the caller's bytes may
+  // go away once added.
   std::uint32_t add_string(std::string_view utf8);
   std::uint32_t add_int(std::int64_t v);
   std::uint32_t add_uint(std::uint64_t v);
@@ -100,8 +101,19 @@ class Builder {
   struct Obj {
     std::uint8_t type;   // Type
     std::uint8_t flag;   // string: 1 when ASCII
-    std::uint32_t aux;   // containers: refs start in refs_ (dicts: keys then values)
+    std::uint32_t aux;   // containers: refs start in refs_ (dicts: keys then values); other strings:
+                         // index into utf16_ of their UTF-16BE form
     std::uint64_t a;     // scalars: value bits; strings/data: index into views_; containers: count
+  };
+  // Owns the bytes of the strings and data added (appended to large blocks, never moved).
+  class Arena {
+   public:
+    std::string_view copy(std::string_view bytes);
+
+   private:
+    std::vector<std::unique_ptr<char[]>> blocks_;
+    char* next_ = nullptr;
+    std::size_t left_ = 0;
   };
   // Open-addressing table of byte strings already added (strings and data apart): slot -> index + 1.
   struct BytesTable {
@@ -117,7 +129,9 @@ class Builder {
   std::uint64_t encoded_size(const Obj& o, unsigned ref_size) const;
   std::vector<Obj> objects_;
   std::vector<std::uint32_t> refs_;
-  std::vector<std::string_view> views_;
+  std::vector<std::string_view> views_;  // as added (UTF-8 for strings), compared when deduplicating
+  std::vector<std::string_view> utf16_;  // non-ASCII strings as written
+  Arena arena_;
   BytesTable strings_, datas_;
   std::unordered_map<std::uint64_t, std::uint32_t> ints_, reals_, dates_, uints_;
   std::vector<std::uint32_t> uids_;  // uid value -> index + 1

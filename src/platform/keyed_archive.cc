@@ -216,6 +216,20 @@ class Archiver final : public KeyedEncoder {
     f.keys.push_back(key_index(key));
     f.values.push_back(b_.add_real(v));
   }
+  void encode_object_stream(std::string_view key, const std::function<void(const ObjectSink&)>& produce) override {
+    std::vector<std::uint32_t> refs;
+    produce([&](const Ref<Object>& item) {
+      const std::size_t deferred = deferred_.size();
+      refs.push_back(b_.add_uid(uid_of(item.get())));
+      // Parts of it lying deep are written at the end: the object stays until then.
+      if (deferred_.size() != deferred) kept_.push_back(item);
+    });
+    const std::uint32_t a = b_.reserve();
+    b_.set_array(a, refs.data(), refs.size());
+    Frame& f = frame();
+    f.keys.push_back(key_index(key));
+    f.values.push_back(a);
+  }
 
  private:
   struct Frame {
@@ -370,7 +384,7 @@ class Archiver final : public KeyedEncoder {
       values.push_back(a);
     }
     b_.set_dict(index, keys.data(), values.data(), keys.size());
-    classes_.emplace(name, uid);
+    classes_.emplace(std::string(name), uid);  // the object may be gone before the archive is done
     return uid;
   }
 
@@ -382,8 +396,13 @@ class Archiver final : public KeyedEncoder {
   std::vector<std::unique_ptr<Frame>> frames_;
   int depth_ = 0;
   std::unordered_map<std::string_view, std::uint32_t> keys_;
-  std::unordered_map<std::string_view, std::uint32_t> classes_;
+  struct TextHash {
+    using is_transparent = void;
+    std::size_t operator()(std::string_view s) const { return std::hash<std::string_view>{}(s); }
+  };
+  std::unordered_map<std::string, std::uint32_t, TextHash, std::equal_to<>> classes_;
   std::deque<std::string> owned_;
+  std::vector<Ref<Object>> kept_;  // streamed objects with parts still to write
 };
 
 }  // namespace

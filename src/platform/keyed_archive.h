@@ -34,6 +34,11 @@ class KeyedEncoder {
   virtual void encode_int64(std::string_view key, std::int64_t value) = 0;
   virtual void encode_bool(std::string_view key, bool value) = 0;
   virtual void encode_double(std::string_view key, double value) = 0;
+  // A list of objects written in place under the key (as NS.objects is), whose objects `produce`
+  // hands to the sink one at a time. Each is written when handed over and may be dropped right after,
+  // so a long list of large objects never needs to be in memory at once.
+  using ObjectSink = std::function<void(const Ref<Object>&)>;
+  virtual void encode_object_stream(std::string_view key, const std::function<void(const ObjectSink&)>& produce) = 0;
 };
 
 class KeyedDecoder {

@@ -150,6 +150,15 @@ class CollectingEncoder final : public KeyedEncoder {
   void encode_double(std::string_view key, double value) override {
     fields.push_back({std::string(key), nullptr, real_json(value), true});
   }
+  void encode_object_stream(std::string_view key, const std::function<void(const ObjectSink&)>& produce) override {
+    auto list = make<Array>(false);  // gathered whole: the peer's records are small
+    produce([&](const Ref<Object>& item) { list->push_back(item); });
+    fields.push_back({std::string(key), list.get(), nullptr, false});
+    lists_.push_back(std::move(list));
+  }
+
+ private:
+  std::vector<Ref<Array>> lists_;
 };
 
 enum class Place { Top, Items, Entries, Pairs, Record };
