@@ -570,6 +570,51 @@ std::uint64_t Builder::encoded_size(const Obj& o, unsigned ref_size) const {
   return 1;
 }
 
+namespace {
+
+// Big-endian integers of 1, 2, 4 or 8 bytes at a cursor.
+inline char* store_be(char* p, std::uint64_t v, unsigned n) {
+  switch (n) {
+    case 1: *p = static_cast<char>(v); return p + 1;
+    case 2: {
+      const std::uint16_t x = __builtin_bswap16(static_cast<std::uint16_t>(v));
+      std::memcpy(p, &x, 2);
+      return p + 2;
+    }
+    case 4: {
+      const std::uint32_t x = __builtin_bswap32(static_cast<std::uint32_t>(v));
+      std::memcpy(p, &x, 4);
+      return p + 4;
+    }
+    default: {
+      const std::uint64_t x = __builtin_bswap64(v);
+      std::memcpy(p, &x, 8);
+      return p + 8;
+    }
+  }
+}
+
+inline unsigned log2_size(unsigned s) { return s == 1 ? 0 : s == 2 ? 1 : s == 4 ? 2 : 3; }
+
+inline char* store_marker_count(char* p, unsigned hi, std::uint64_t n) {
+  if (n < 15) {
+    *p++ = static_cast<char>((hi << 4) | n);
+    return p;
+  }
+  *p++ = static_cast<char>((hi << 4) | 0xf);
+  const unsigned s = size_for(n);
+  *p++ = static_cast<char>(0x10 | log2_size(s));
+  return store_be(p, n, s);
+}
+
+template <unsigned RefSize>
+char* store_refs(char* p, const std::uint32_t* refs, std::uint64_t n) {
+  for (std::uint64_t k = 0; k < n; ++k) p = store_be(p, refs[k], RefSize);
+  return p;
+}
+
+}  // namespace
+
 std::string Builder::write(std::uint32_t top) const {
   const std::uint64_t count = objects_.size();
   // As Apple's reader demands: the reference size must hold the object count itself.
@@ -580,101 +625,94 @@ std::string Builder::write(std::uint32_t top) const {
   for (const Obj& o : objects_) objects_end += encoded_size(o, ref_size);
   const unsigned offset_size = size_for(objects_end);
   std::string out;
-  out.reserve(objects_end + count * offset_size + 32);
-  out.append("bplist00");
-
-  auto put_marker_count = [&](unsigned hi, std::uint64_t n) {
-    if (n < 15) {
-      out.push_back(static_cast<char>((hi << 4) | n));
-    } else {
-      out.push_back(static_cast<char>((hi << 4) | 0xf));
-      unsigned s = size_for(n);
-      unsigned lg = s == 1 ? 0 : s == 2 ? 1 : s == 4 ? 2 : 3;
-      out.push_back(static_cast<char>(0x10 | lg));
-      put_be(out, n, s);
-    }
-  };
+  out.resize(objects_end + count * offset_size + 32);
+  char* const begin = out.data();
+  char* p = begin;
+  std::memcpy(p, "bplist00", 8);
+  p += 8;
 
   for (std::uint64_t i = 0; i < count; ++i) {
     const Obj& o = objects_[i];
     switch (static_cast<Type>(o.type)) {
       case Type::Null:
-        out.push_back(0x00);
+        *p++ = 0x00;
         break;
       case Type::Bool:
-        out.push_back(o.flag ? 0x09 : 0x08);
+        *p++ = static_cast<char>(o.flag ? 0x09 : 0x08);
         break;
       case Type::Int:
         if (o.flag) {  // unsigned beyond the signed range: 16 bytes, high half zero
-          out.push_back(0x14);
-          put_be(out, 0, 8);
-          put_be(out, o.a, 8);
+          *p++ = 0x14;
+          p = store_be(p, 0, 8);
+          p = store_be(p, o.a, 8);
         } else if (static_cast<std::int64_t>(o.a) < 0) {
-          out.push_back(0x13);
-          put_be(out, o.a, 8);
+          *p++ = 0x13;
+          p = store_be(p, o.a, 8);
         } else {
-          unsigned s = size_for(o.a);
-          out.push_back(static_cast<char>(0x10 | (s == 1 ? 0 : s == 2 ? 1 : s == 4 ? 2 : 3)));
-          put_be(out, o.a, s);
+          const unsigned s = size_for(o.a);
+          *p++ = static_cast<char>(0x10 | log2_size(s));
+          p = store_be(p, o.a, s);
         }
         break;
       case Type::Real:
-        out.push_back(0x23);
-        put_be(out, o.a, 8);
+        *p++ = 0x23;
+        p = store_be(p, o.a, 8);
         break;
       case Type::Date:
-        out.push_back(0x33);
-        put_be(out, o.a, 8);
+        *p++ = 0x33;
+        p = store_be(p, o.a, 8);
         break;
       case Type::Data: {
         std::string_view d = views_[o.a];
-        put_marker_count(0x4, d.size());
-        out.append(d);
+        p = store_marker_count(p, 0x4, d.size());
+        if (!d.empty()) std::memcpy(p, d.data(), d.size());
+        p += d.size();
         break;
       }
       case Type::Utf8String:
       case Type::AsciiString:
       case Type::Utf16String: {
-        if (o.flag) {
-          std::string_view s = views_[o.a];
-          put_marker_count(0x5, s.size());
-          out.append(s);
-        } else {
-          std::string_view units = utf16_[o.aux];
-          put_marker_count(0x6, units.size() / 2);
-          out.append(units);
-        }
+        std::string_view s = o.flag ? views_[o.a] : utf16_[o.aux];
+        p = store_marker_count(p, o.flag ? 0x5 : 0x6, o.flag ? s.size() : s.size() / 2);
+        if (!s.empty()) std::memcpy(p, s.data(), s.size());
+        p += s.size();
         break;
       }
       case Type::Uid: {
-        unsigned s = size_for(o.a);
-        out.push_back(static_cast<char>(0x80 | (s - 1)));
-        put_be(out, o.a, s);
+        const unsigned s = size_for(o.a);
+        *p++ = static_cast<char>(0x80 | (s - 1));
+        p = store_be(p, o.a, s);
         break;
       }
       case Type::Array:
       case Type::Set:
       case Type::Dict: {
-        Type t = static_cast<Type>(o.type);
-        put_marker_count(t == Type::Array ? 0xA : t == Type::Set ? 0xC : 0xD, o.a);
-        std::uint64_t n = t == Type::Dict ? 2 * o.a : o.a;
-        for (std::uint64_t k = 0; k < n; ++k) put_be(out, refs_[o.aux + k], ref_size);
+        const Type t = static_cast<Type>(o.type);
+        p = store_marker_count(p, t == Type::Array ? 0xA : t == Type::Set ? 0xC : 0xD, o.a);
+        const std::uint64_t n = t == Type::Dict ? 2 * o.a : o.a;
+        const std::uint32_t* refs = refs_.data() + o.aux;
+        switch (ref_size) {
+          case 1: p = store_refs<1>(p, refs, n); break;
+          case 2: p = store_refs<2>(p, refs, n); break;
+          default: p = store_refs<4>(p, refs, n); break;
+        }
         break;
       }
     }
   }
-  const std::uint64_t table = out.size();
+  const std::uint64_t table = static_cast<std::uint64_t>(p - begin);
   std::uint64_t offset = 8;
   for (const Obj& o : objects_) {
-    put_be(out, offset, offset_size);
+    p = store_be(p, offset, offset_size);
     offset += encoded_size(o, ref_size);
   }
-  out.append(6, '\0');
-  out.push_back(static_cast<char>(offset_size));
-  out.push_back(static_cast<char>(ref_size));
-  put_be(out, count, 8);
-  put_be(out, top, 8);
-  put_be(out, table, 8);
+  std::memset(p, 0, 6);
+  p += 6;
+  *p++ = static_cast<char>(offset_size);
+  *p++ = static_cast<char>(ref_size);
+  p = store_be(p, count, 8);
+  p = store_be(p, top, 8);
+  p = store_be(p, table, 8);
   return out;
 }
 

@@ -241,6 +241,12 @@ class Archiver final : public KeyedEncoder {
     return *frames_[depth_];
   }
 
+  // The bplist index of a fixed text, added when first used (as add_string would number it).
+  std::uint32_t constant(std::uint32_t& slot, std::string_view text) {
+    if (slot == UINT32_MAX) slot = b_.add_string(text);
+    return slot;
+  }
+
   std::uint32_t key_index(std::string_view key) {
     if (auto it = keys_.find(key); it != keys_.end()) return it->second;
     // Keys are copied once, so callers may pass temporaries; a user key starting with "$" gets one more.
@@ -313,7 +319,7 @@ class Archiver final : public KeyedEncoder {
                                                            : static_cast<const Set*>(o)->items();
         std::uint32_t a = uid_array(items);
         Frame& f = frame();
-        f.keys.push_back(b_.add_string("NS.objects"));
+        f.keys.push_back(constant(ns_objects_, "NS.objects"));
         f.values.push_back(a);
         break;
       }
@@ -330,9 +336,9 @@ class Archiver final : public KeyedEncoder {
         std::uint32_t va = b_.reserve();
         b_.set_array(va, vrefs.data(), vrefs.size());
         Frame& f = frame();
-        f.keys.push_back(b_.add_string("NS.keys"));
+        f.keys.push_back(constant(ns_keys_, "NS.keys"));
         f.values.push_back(ka);
-        f.keys.push_back(b_.add_string("NS.objects"));
+        f.keys.push_back(constant(ns_objects_, "NS.objects"));
         f.values.push_back(va);
         break;
       }
@@ -341,13 +347,13 @@ class Archiver final : public KeyedEncoder {
         break;
       case ObjectKind::String: {
         Frame& f = frame();
-        f.keys.push_back(b_.add_string("NS.string"));
+        f.keys.push_back(constant(ns_string_, "NS.string"));
         f.values.push_back(b_.add_string(static_cast<const String*>(o)->str()));
         break;
       }
       case ObjectKind::Data: {
         Frame& f = frame();
-        f.keys.push_back(b_.add_string("NS.data"));
+        f.keys.push_back(constant(ns_data_, "NS.data"));
         f.values.push_back(b_.add_data(static_cast<const Data*>(o)->bytes()));
         break;
       }
@@ -361,7 +367,7 @@ class Archiver final : public KeyedEncoder {
     }
     const std::uint32_t cls = class_uid(o);
     Frame& f = frame();
-    f.keys.push_back(b_.add_string("$class"));
+    f.keys.push_back(constant(class_key_, "$class"));
     f.values.push_back(b_.add_uid(cls));
     b_.set_dict(index, f.keys.data(), f.values.data(), f.keys.size());
   }
@@ -403,6 +409,8 @@ class Archiver final : public KeyedEncoder {
   std::unordered_map<std::string, std::uint32_t, TextHash, std::equal_to<>> classes_;
   std::deque<std::string> owned_;
   std::vector<Ref<Object>> kept_;  // streamed objects with parts still to write
+  std::uint32_t ns_objects_ = UINT32_MAX, ns_keys_ = UINT32_MAX, ns_string_ = UINT32_MAX, ns_data_ = UINT32_MAX,
+                class_key_ = UINT32_MAX;
 };
 
 }  // namespace

@@ -76,6 +76,21 @@ Heap::~Heap() {
 
 Heap* Heap::current() { return t_current_heap; }
 
+void Heap::adopt(Heap& other) {
+  if (&other == this || !other.head_) return;
+  Object* last = nullptr;
+  for (Object* o = other.head_; o; o = o->heap_next_) {
+    o->heap_ = this;
+    last = o;
+  }
+  last->heap_next_ = head_;
+  if (head_) head_->heap_prev_ = last;
+  head_ = other.head_;
+  count_ += other.count_;
+  other.head_ = nullptr;
+  other.count_ = 0;
+}
+
 HeapScope::HeapScope(Heap& heap) : previous_(t_current_heap) { t_current_heap = &heap; }
 HeapScope::~HeapScope() { t_current_heap = previous_; }
 

@@ -143,6 +143,8 @@ class Heap {
 
   std::size_t tracked_count() const { return count_; }
   static Heap* current();
+  // Takes over every object `other` tracks (made elsewhere, now to live as long as this heap).
+  void adopt(Heap& other);
 
  private:
   friend class Object;
