@@ -90,6 +90,7 @@ Result<Ref<Dictionary>> decode_media_record(std::string_view archive) {
 Ref<Dictionary> convertedDictionary(const Dictionary* stored) {
   const Constants& c = k();
   Ref<Dictionary> out = make<Dictionary>(true);
+  out->reserve(24);
   Object* created_time = at_path(stored, {"caption", "created_time"});
   Object* id = at_path(stored, {"id"});
 
@@ -120,14 +121,17 @@ Ref<Dictionary> convertedDictionary(const Dictionary* stored) {
   put(*out, c.filter_type, c.zero.get());
 
   Ref<Dictionary> standard = make<Dictionary>(true);
+  standard->reserve(3);
   put(*standard, c.width, c.n640.get());
   put(*standard, c.height, c.n640.get());
   put(*standard, c.url, at_path(stored, {"images", "standard_resolution", "url"}));
   Ref<Dictionary> low = make<Dictionary>(true);
+  low->reserve(3);
   put(*low, c.width, c.n320.get());
   put(*low, c.height, c.n320.get());
   put(*low, c.url, at_path(stored, {"images", "low_resolution", "url"}));
   Ref<Dictionary> versions = make<Dictionary>(true);
+  versions->reserve(1);
   put(*versions, c.candidates, Ref<Object>(make<Array>(std::vector<Ref<Object>>{standard, low}, false)));
   put(*out, c.image_versions2, Ref<Object>(versions));
 
@@ -135,6 +139,7 @@ Ref<Dictionary> convertedDictionary(const Dictionary* stored) {
   put(*out, c.original_height, c.n640.get());
 
   Ref<Dictionary> user = make<Dictionary>(true);
+  user->reserve(5);
   put(*user, c.pk, at_path(stored, {"user", "id"}));
   put(*user, c.username, at_path(stored, {"user", "username"}));
   put(*user, c.full_name, at_path(stored, {"user", "full_name"}));
@@ -143,6 +148,7 @@ Ref<Dictionary> convertedDictionary(const Dictionary* stored) {
   put(*out, c.user, Ref<Object>(user));
 
   Ref<Dictionary> caption = make<Dictionary>(true);
+  caption->reserve(13);
   put(*caption, c.pk, at_path(stored, {"caption", "id"}));
   put(*caption, c.user_id, at_path(stored, {"caption", "from", "id"}));
   put(*caption, c.text, at_path(stored, {"caption", "text"}));

@@ -420,6 +420,15 @@ class Archiver final : public KeyedEncoder {
 class KeyedUnarchiverImpl final : public KeyedDecoder {
  public:
   KeyedUnarchiverImpl(const bplist::View& view, const ClassRegistry& registry) : v_(view), registry_(registry) {}
+  ~KeyedUnarchiverImpl() {
+    decoded_.clear();
+    classes_.clear();
+    pending_.clear();
+    // The tables of a large archive are not kept.
+    if (state_.capacity() <= 4096 && frames_.size() <= 128) spare() = std::move(scratch_);
+  }
+  KeyedUnarchiverImpl(const KeyedUnarchiverImpl&) = delete;
+  KeyedUnarchiverImpl& operator=(const KeyedUnarchiverImpl&) = delete;
 
   Result<std::vector<std::pair<std::string, Ref<Object>>>> run() {
     auto top = v_.item(v_.top());
@@ -816,6 +825,7 @@ class KeyedUnarchiverImpl final : public KeyedDecoder {
         decode_uid_list(vv ? &vcopy : nullptr, values, true);
         auto* d = static_cast<Dictionary*>(obj);
         std::size_t n = std::min(keys.size(), values.size());
+        d->reserve(n);
         for (std::size_t i = 0; i < n; ++i) {
           if (keys[i] && values[i]) d->append(std::move(keys[i]), std::move(values[i]));
         }
@@ -879,14 +889,33 @@ class KeyedUnarchiverImpl final : public KeyedDecoder {
     const ClassInfo* info;  // stable: std::unordered_map nodes do not move
   };
 
+  // Tables of one unarchiving, kept per thread between calls: decoding many small archives one after
+  // the other (stored media records) then allocates them once.
+  struct Scratch {
+    std::vector<std::uint8_t> state;
+    std::vector<Ref<Object>> decoded;
+    std::unordered_map<std::uint64_t, ClassInfo> classes;
+    std::vector<std::unique_ptr<Frame>> frames;
+    std::vector<Pending> pending;
+  };
+  static std::unique_ptr<Scratch>& spare() {
+    thread_local std::unique_ptr<Scratch> scratch;
+    return scratch;
+  }
+  static std::unique_ptr<Scratch> take_scratch() {
+    std::unique_ptr<Scratch> s = std::move(spare());  // empty while another unarchiving holds it
+    return s ? std::move(s) : std::make_unique<Scratch>();
+  }
+
   const bplist::View& v_;
   const ClassRegistry& registry_;
   Item objects_{};
-  std::vector<std::uint8_t> state_;
-  std::vector<Ref<Object>> decoded_;
-  std::unordered_map<std::uint64_t, ClassInfo> classes_;
-  std::vector<std::unique_ptr<Frame>> frames_;
-  std::vector<Pending> pending_;
+  std::unique_ptr<Scratch> scratch_ = take_scratch();
+  std::vector<std::uint8_t>& state_ = scratch_->state;
+  std::vector<Ref<Object>>& decoded_ = scratch_->decoded;
+  std::unordered_map<std::uint64_t, ClassInfo>& classes_ = scratch_->classes;
+  std::vector<std::unique_ptr<Frame>>& frames_ = scratch_->frames;
+  std::vector<Pending>& pending_ = scratch_->pending;
   int depth_ = 0;
   std::string error_;
 };

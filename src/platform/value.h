@@ -156,6 +156,7 @@ class Dictionary final : public Object {
   // Appends without looking for an existing key (decoders that already know keys are distinct, or that
   // keep a file's duplicates).
   void append(Ref<Object> key, Ref<Object> value);
+  void reserve(std::size_t n) { entries_.reserve(n); }
   bool remove(std::string_view key);
 
  protected:
