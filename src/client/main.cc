@@ -1,6 +1,9 @@
 // orvia4-import: asks the importer service for what Orvia 4 left in the home folder and shows it.
 #include <CLI/CLI.hpp>
+#include <fcntl.h>
+#include <unistd.h>
 
+#include <cerrno>
 #include <cmath>
 #include <cstdio>
 #include <fstream>
@@ -46,6 +49,35 @@ bool write_file(const std::string& path, const std::string& bytes) {
   out.close();
   return static_cast<bool>(out);
 }
+
+// Writes the archive to a file as the import hands it over; the file is made with the first piece, so a
+// failed import leaves none.
+class FileSink final : public orvia::bplist::Builder::Sink {
+ public:
+  explicit FileSink(std::string path) : path_(std::move(path)) {}
+  ~FileSink() override {
+    if (fd_ >= 0) ::close(fd_);
+  }
+  bool put(std::string_view piece) override {
+    if (fd_ < 0) fd_ = ::open(path_.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    if (fd_ < 0) return false;
+    while (!piece.empty()) {
+      ssize_t n = ::write(fd_, piece.data(), piece.size());
+      if (n < 0 && errno == EINTR) continue;
+      if (n <= 0) return false;
+      piece.remove_prefix(static_cast<std::size_t>(n));
+    }
+    return true;
+  }
+  bool close() {
+    if (fd_ < 0) return true;
+    return ::close(std::exchange(fd_, -1)) == 0;
+  }
+
+ private:
+  std::string path_;
+  int fd_ = -1;
+};
 
 }  // namespace
 
@@ -95,6 +127,14 @@ int main(int argc, char** argv) {
     if (!archive) return fail(kExitBadArchive, "cannot read " + decode_path);
     success = true;
     if (!app.count("--format")) format = "json";
+  } else if (direct && format == "none" && !archive_out.empty()) {
+    // Nothing to print: the archive goes to its file as it is written, never whole in memory.
+    FileSink sink(archive_out);
+    bool written = false;
+    orvia::service::ImportOutcome outcome = orvia::service::run_direct_import(home, sink, written);
+    if (!outcome.success) return fail(kExitAnsweredNo, std::string("the importer answered NO: ") + kNoReason);
+    if (!written || !sink.close()) return fail(kExitBadArchive, "cannot write " + archive_out);
+    return kExitSuccess;
   } else if (direct) {
     orvia::service::ImportOutcome outcome = orvia::service::run_direct_import(home);
     success = outcome.success;

@@ -347,9 +347,6 @@ bool CoreDataStore::load(OpenError& error) {
     return false;
   };
   sqlite3_exec(db, "PRAGMA query_only = 1", nullptr, nullptr, nullptr);
-  // Pages are read through a memory map rather than copied by read calls (the stored media are most
-  // of a large store); SQLite falls back to reading past its own size limit.
-  sqlite3_exec(db, "PRAGMA mmap_size = 2147418112", nullptr, nullptr, nullptr);
 
   // Schema: tables with their columns, and index names.
   {

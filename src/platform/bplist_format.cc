@@ -46,12 +46,6 @@ inline std::uint64_t double_to_bits(double d) {
   return b;
 }
 
-void put_be(std::string& out, std::uint64_t v, unsigned n) {
-  char buf[8];
-  for (unsigned i = 0; i < n; ++i) buf[n - 1 - i] = static_cast<char>((v >> (8 * i)) & 0xff);
-  out.append(buf, n);
-}
-
 unsigned size_for(std::uint64_t max_value) {
   if (max_value <= 0xff) return 1;
   if (max_value <= 0xffff) return 2;
@@ -380,30 +374,54 @@ double View::real(const Item& it) const { return bits_to_double(it.scalar); }
 // ---------------------------------------------------------------------------------------------------
 // Builder
 
-Builder::Builder() { objects_.reserve(64); }
+Builder::Builder() = default;
+
+std::uint32_t Builder::Objects::push(const Obj& o) {
+  if ((size_ >> kShift) == blocks_.size()) blocks_.push_back(std::make_unique_for_overwrite<Obj[]>(kMask + 1));
+  (*this)[size_] = o;
+  return static_cast<std::uint32_t>(size_++);
+}
+
+char* Builder::Arena::allocate(std::size_t size, std::size_t align) {
+  constexpr std::size_t kBlock = 1 << 20;
+  if (size > kBlock / 4) {  // a block of its own; the current block stays open
+    large_.push_back(std::make_unique_for_overwrite<char[]>(size));
+    return large_.back().get();
+  }
+  std::size_t pad = next_ ? (align - reinterpret_cast<std::uintptr_t>(next_) % align) % align : 0;
+  if (!next_ || pad + size > left_) {
+    blocks_.push_back(std::make_unique_for_overwrite<char[]>(kBlock));
+    next_ = blocks_.back().get();
+    left_ = kBlock;
+    pad = 0;
+  }
+  char* p = next_ + pad;
+  next_ = p + size;
+  left_ -= pad + size;
+  return p;
+}
 
 std::string_view Builder::Arena::copy(std::string_view bytes) {
   if (bytes.empty()) return {};
-  if (bytes.size() > left_) {
-    constexpr std::size_t kBlock = 1 << 20;
-    const std::size_t size = std::max(bytes.size(), kBlock);
-    blocks_.push_back(std::make_unique_for_overwrite<char[]>(size));
-    next_ = blocks_.back().get();
-    left_ = size;
-  }
-  std::memcpy(next_, bytes.data(), bytes.size());
-  std::string_view stored(next_, bytes.size());
-  next_ += bytes.size();
-  left_ -= bytes.size();
-  return stored;
+  char* p = allocate(bytes.size(), 1);
+  std::memcpy(p, bytes.data(), bytes.size());
+  return {p, bytes.size()};
 }
 
-std::uint32_t Builder::push(Obj o) {
-  objects_.push_back(o);
-  return static_cast<std::uint32_t>(objects_.size() - 1);
+std::string_view Builder::utf16_of(const Obj& o) {
+  const char* utf8 = reinterpret_cast<const char*>(o.a);
+  std::uint64_t size = 0;
+  std::memcpy(&size, utf8 - 8, 8);
+  return {utf8 + o.n(), static_cast<std::size_t>(size)};
 }
 
-std::uint32_t Builder::reserve() { return push(Obj{static_cast<std::uint8_t>(Type::Null), 0, 0, 0}); }
+std::uint32_t Builder::push(Obj o) { return objects_.push(o); }
+
+Builder::Obj Builder::scalar(Type type, std::uint8_t flag, std::uint64_t bits) {
+  return Obj{bits, 0, 0, static_cast<std::uint8_t>(type), flag};
+}
+
+std::uint32_t Builder::reserve() { return push(scalar(Type::Null, 0, 0)); }
 
 namespace {
 std::uint64_t hash_bytes(std::string_view s) {
@@ -420,6 +438,7 @@ std::uint64_t hash_bytes(std::string_view s) {
   h = (h ^ tail) * 0xc4ceb9fe1a85ec53ull;
   return h ^ (h >> 29);
 }
+
 }  // namespace
 
 std::uint32_t Builder::add_bytes(BytesTable& t, std::string_view bytes, Type type, bool ascii) {
@@ -440,20 +459,28 @@ std::uint32_t Builder::add_bytes(BytesTable& t, std::string_view bytes, Type typ
   const std::uint32_t tag = static_cast<std::uint32_t>(hash_bytes(bytes));
   std::size_t i = tag & mask;
   while (std::uint32_t v = t.slots[i].index_plus_one) {
-    if (t.slots[i].hash == tag && views_[objects_[v - 1].a] == bytes) return v - 1;
+    if (t.slots[i].hash == tag && objects_[v - 1].bytes() == bytes) return v - 1;
     i = (i + 1) & mask;
   }
-  views_.push_back(arena_.copy(bytes));
-  std::uint32_t aux = 0;
+  const char* stored;
   if (type == Type::Utf8String && !ascii) {
-    // Written as UTF-16BE: converted once here, so sizing and writing only copy.
+    // Written as UTF-16BE: converted once here (after the UTF-8 bytes, its size before them), so sizing
+    // and writing only copy.
     std::string units;
     std::uint64_t count = 0;
     utf8_to_utf16be(bytes, units, count);
-    aux = static_cast<std::uint32_t>(utf16_.size());
-    utf16_.push_back(arena_.copy(units));
+    const std::uint64_t size = units.size();
+    char* p = arena_.allocate(8 + bytes.size() + units.size(), 8);
+    std::memcpy(p, &size, 8);
+    std::memcpy(p + 8, bytes.data(), bytes.size());
+    std::memcpy(p + 8 + bytes.size(), units.data(), units.size());
+    stored = p + 8;
+  } else {
+    stored = arena_.copy(bytes).data();
   }
-  std::uint32_t index = push(Obj{static_cast<std::uint8_t>(type), static_cast<std::uint8_t>(ascii), aux, views_.size() - 1});
+  Obj o{reinterpret_cast<std::uint64_t>(stored), 0, 0, static_cast<std::uint8_t>(type), static_cast<std::uint8_t>(ascii)};
+  o.set_n(bytes.size());
+  std::uint32_t index = push(o);
   t.slots[i] = Slot{index + 1, tag};
   ++t.used;
   return index;
@@ -473,64 +500,68 @@ std::uint32_t Builder::add_data(std::string_view d) { return add_bytes(datas_, d
 
 std::uint32_t Builder::add_int(std::int64_t v) {
   auto [it, inserted] = ints_.try_emplace(static_cast<std::uint64_t>(v), 0);
-  if (inserted) it->second = push(Obj{static_cast<std::uint8_t>(Type::Int), 0, 0, static_cast<std::uint64_t>(v)});
+  if (inserted) it->second = push(scalar(Type::Int, 0, static_cast<std::uint64_t>(v)));
   return it->second;
 }
 
 std::uint32_t Builder::add_uint(std::uint64_t v) {
   if (v <= static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max())) return add_int(static_cast<std::int64_t>(v));
   auto [it, inserted] = uints_.try_emplace(v, 0);
-  if (inserted) it->second = push(Obj{static_cast<std::uint8_t>(Type::Int), 1, 0, v});
+  if (inserted) it->second = push(scalar(Type::Int, 1, v));
   return it->second;
 }
 
 std::uint32_t Builder::add_real(double v) {
   auto [it, inserted] = reals_.try_emplace(double_to_bits(v), 0);
-  if (inserted) it->second = push(Obj{static_cast<std::uint8_t>(Type::Real), 0, 0, double_to_bits(v)});
+  if (inserted) it->second = push(scalar(Type::Real, 0, double_to_bits(v)));
   return it->second;
 }
 
 std::uint32_t Builder::add_date(double v) {
   auto [it, inserted] = dates_.try_emplace(double_to_bits(v), 0);
-  if (inserted) it->second = push(Obj{static_cast<std::uint8_t>(Type::Date), 0, 0, double_to_bits(v)});
+  if (inserted) it->second = push(scalar(Type::Date, 0, double_to_bits(v)));
   return it->second;
 }
 
 std::uint32_t Builder::add_bool(bool v) {
   std::uint32_t& slot = bools_[v ? 1 : 0];
-  if (!slot) slot = push(Obj{static_cast<std::uint8_t>(Type::Bool), static_cast<std::uint8_t>(v), 0, 0}) + 1;
+  if (!slot) slot = push(scalar(Type::Bool, static_cast<std::uint8_t>(v), 0)) + 1;
   return slot - 1;
 }
 
 std::uint32_t Builder::add_null() {
-  if (!null_) null_ = push(Obj{static_cast<std::uint8_t>(Type::Null), 0, 0, 0}) + 1;
+  if (!null_) null_ = push(scalar(Type::Null, 0, 0)) + 1;
   return null_ - 1;
 }
 
 std::uint32_t Builder::add_uid(std::uint64_t v) {
   if (v < (1u << 26)) {
     if (uids_.size() <= v) uids_.resize(std::max<std::size_t>(v + 1, uids_.size() * 2), 0);
-    if (!uids_[v]) uids_[v] = push(Obj{static_cast<std::uint8_t>(Type::Uid), 0, 0, v}) + 1;
+    if (!uids_[v]) uids_[v] = push(scalar(Type::Uid, 0, v)) + 1;
     return uids_[v] - 1;
   }
-  return push(Obj{static_cast<std::uint8_t>(Type::Uid), 0, 0, v});
+  return push(scalar(Type::Uid, 0, v));
+}
+
+void Builder::set_container(std::uint32_t index, Type type, const std::uint32_t* first, const std::uint32_t* second,
+                            std::size_t n) {
+  const std::size_t total = second ? 2 * n : n;
+  auto* refs = reinterpret_cast<std::uint32_t*>(arena_.allocate(total * sizeof(std::uint32_t), alignof(std::uint32_t)));
+  if (n) std::memcpy(refs, first, n * sizeof(std::uint32_t));
+  if (second && n) std::memcpy(refs + n, second, n * sizeof(std::uint32_t));
+  Obj& o = objects_[index];
+  o.type = static_cast<std::uint8_t>(type);
+  o.flag = 0;
+  o.a = reinterpret_cast<std::uint64_t>(refs);
+  o.set_n(n);
 }
 
 void Builder::set_array(std::uint32_t index, const std::uint32_t* refs, std::size_t n, bool is_set) {
-  Obj& o = objects_[index];
-  o.type = static_cast<std::uint8_t>(is_set ? Type::Set : Type::Array);
-  o.aux = static_cast<std::uint32_t>(refs_.size());
-  o.a = n;
-  refs_.insert(refs_.end(), refs, refs + n);
+  set_container(index, is_set ? Type::Set : Type::Array, refs, nullptr, n);
 }
 
 void Builder::set_dict(std::uint32_t index, const std::uint32_t* keys, const std::uint32_t* values, std::size_t n) {
-  Obj& o = objects_[index];
-  o.type = static_cast<std::uint8_t>(Type::Dict);
-  o.aux = static_cast<std::uint32_t>(refs_.size());
-  o.a = n;
-  refs_.insert(refs_.end(), keys, keys + n);
-  refs_.insert(refs_.end(), values, values + n);
+  set_container(index, Type::Dict, keys, values, n);
 }
 
 namespace {
@@ -552,20 +583,21 @@ std::uint64_t Builder::encoded_size(const Obj& o, unsigned ref_size) const {
     case Type::Date:
       return 9;
     case Type::Data:
-      return count_header_size(views_[o.a].size()) + views_[o.a].size();
+      return count_header_size(o.n()) + o.n();
     case Type::Utf8String:
     case Type::AsciiString:
     case Type::Utf16String: {
-      if (o.flag) return count_header_size(views_[o.a].size()) + views_[o.a].size();
-      return count_header_size(utf16_[o.aux].size() / 2) + utf16_[o.aux].size();
+      if (o.flag) return count_header_size(o.n()) + o.n();
+      const std::uint64_t size = utf16_of(o).size();
+      return count_header_size(size / 2) + size;
     }
     case Type::Uid:
       return 1 + size_for(o.a);
     case Type::Array:
     case Type::Set:
-      return count_header_size(o.a) + o.a * ref_size;
+      return count_header_size(o.n()) + o.n() * ref_size;
     case Type::Dict:
-      return count_header_size(o.a) + 2 * o.a * ref_size;
+      return count_header_size(o.n()) + 2 * o.n() * ref_size;
   }
   return 1;
 }
@@ -615,24 +647,91 @@ char* store_refs(char* p, const std::uint32_t* refs, std::uint64_t n) {
 
 }  // namespace
 
+namespace {
+
+// Collects pieces in a buffer and hands them on a megabyte at a time.
+class PieceWriter {
+ public:
+  static constexpr std::size_t kCapacity = 1 << 20;
+  explicit PieceWriter(Builder::Sink& sink) : sink_(sink), buffer_(std::make_unique_for_overwrite<char[]>(kCapacity)) {}
+  // Room for n <= kCapacity bytes; commit() says where the writing ended.
+  char* room(std::size_t n) {
+    if (used_ + n > kCapacity) flush();
+    return buffer_.get() + used_;
+  }
+  void commit(const char* end) { used_ = static_cast<std::size_t>(end - buffer_.get()); }
+  // Bytes too large for the buffer, handed on directly.
+  void put_direct(std::string_view bytes) {
+    flush();
+    if (ok_ && !bytes.empty()) ok_ = sink_.put(bytes);
+  }
+  bool finish() {
+    flush();
+    return ok_;
+  }
+  bool ok() const { return ok_; }
+
+ private:
+  void flush() {
+    if (used_ && ok_) ok_ = sink_.put(std::string_view(buffer_.get(), used_));
+    used_ = 0;
+  }
+  Builder::Sink& sink_;
+  std::unique_ptr<char[]> buffer_;
+  std::size_t used_ = 0;
+  bool ok_ = true;
+};
+
+class StringSink final : public Builder::Sink {
+ public:
+  explicit StringSink(std::string& out) : out_(out) {}
+  void expect(std::uint64_t total) override { out_.reserve(total); }
+  bool put(std::string_view piece) override {
+    out_.append(piece);
+    return true;
+  }
+
+ private:
+  std::string& out_;
+};
+
+}  // namespace
+
 std::string Builder::write(std::uint32_t top) const {
+  std::string out;
+  StringSink sink(out);
+  write_to(top, sink);
+  return out;
+}
+
+bool Builder::write_to(std::uint32_t top, Sink& sink) const {
   const std::uint64_t count = objects_.size();
   // As Apple's reader demands: the reference size must hold the object count itself.
   const unsigned ref_size = size_for(count);
-  // First the exact size, so the output is allocated once and offsets need not be kept: the offset
-  // table is written from the same sizes again.
+  // First the exact size, so that offsets need not be kept: the offset table is written from the same
+  // sizes again.
   std::uint64_t objects_end = 8;
-  for (const Obj& o : objects_) objects_end += encoded_size(o, ref_size);
+  for (std::uint64_t i = 0; i < count; ++i) objects_end += encoded_size(objects_[i], ref_size);
   const unsigned offset_size = size_for(objects_end);
-  std::string out;
-  out.resize(objects_end + count * offset_size + 32);
-  char* const begin = out.data();
-  char* p = begin;
+  sink.expect(objects_end + count * offset_size + 32);
+  PieceWriter w(sink);
+  char* p = w.room(8);
   std::memcpy(p, "bplist00", 8);
-  p += 8;
+  w.commit(p + 8);
 
-  for (std::uint64_t i = 0; i < count; ++i) {
+  auto store_refs_any = [&](char* at, const std::uint32_t* refs, std::uint64_t n) {
+    switch (ref_size) {
+      case 1: return store_refs<1>(at, refs, n);
+      case 2: return store_refs<2>(at, refs, n);
+      default: return store_refs<4>(at, refs, n);
+    }
+  };
+
+  for (std::uint64_t i = 0; i < count && w.ok(); ++i) {
     const Obj& o = objects_[i];
+    const std::uint64_t size = encoded_size(o, ref_size);
+    const bool whole = size <= PieceWriter::kCapacity;
+    p = w.room(whole ? size : 32);
     switch (static_cast<Type>(o.type)) {
       case Type::Null:
         *p++ = 0x00;
@@ -662,20 +761,21 @@ std::string Builder::write(std::uint32_t top) const {
         *p++ = 0x33;
         p = store_be(p, o.a, 8);
         break;
-      case Type::Data: {
-        std::string_view d = views_[o.a];
-        p = store_marker_count(p, 0x4, d.size());
-        if (!d.empty()) std::memcpy(p, d.data(), d.size());
-        p += d.size();
-        break;
-      }
+      case Type::Data:
       case Type::Utf8String:
       case Type::AsciiString:
       case Type::Utf16String: {
-        std::string_view s = o.flag ? views_[o.a] : utf16_[o.aux];
-        p = store_marker_count(p, o.flag ? 0x5 : 0x6, o.flag ? s.size() : s.size() / 2);
-        if (!s.empty()) std::memcpy(p, s.data(), s.size());
-        p += s.size();
+        const bool is_data = static_cast<Type>(o.type) == Type::Data;
+        std::string_view bytes = is_data || o.flag ? o.bytes() : utf16_of(o);
+        p = store_marker_count(p, is_data ? 0x4 : o.flag ? 0x5 : 0x6, is_data || o.flag ? bytes.size() : bytes.size() / 2);
+        if (whole) {
+          if (!bytes.empty()) std::memcpy(p, bytes.data(), bytes.size());
+          p += bytes.size();
+        } else {
+          w.commit(p);
+          w.put_direct(bytes);
+          continue;
+        }
         break;
       }
       case Type::Uid: {
@@ -688,24 +788,34 @@ std::string Builder::write(std::uint32_t top) const {
       case Type::Set:
       case Type::Dict: {
         const Type t = static_cast<Type>(o.type);
-        p = store_marker_count(p, t == Type::Array ? 0xA : t == Type::Set ? 0xC : 0xD, o.a);
-        const std::uint64_t n = t == Type::Dict ? 2 * o.a : o.a;
-        const std::uint32_t* refs = refs_.data() + o.aux;
-        switch (ref_size) {
-          case 1: p = store_refs<1>(p, refs, n); break;
-          case 2: p = store_refs<2>(p, refs, n); break;
-          default: p = store_refs<4>(p, refs, n); break;
+        p = store_marker_count(p, t == Type::Array ? 0xA : t == Type::Set ? 0xC : 0xD, o.n());
+        const std::uint64_t n = t == Type::Dict ? 2 * o.n() : o.n();
+        const auto* refs = reinterpret_cast<const std::uint32_t*>(o.a);
+        if (whole) {
+          p = store_refs_any(p, refs, n);
+        } else {
+          w.commit(p);
+          const std::uint64_t per_piece = PieceWriter::kCapacity / ref_size;
+          for (std::uint64_t k = 0; k < n; k += per_piece) {
+            const std::uint64_t m = std::min(per_piece, n - k);
+            char* q = w.room(m * ref_size);
+            w.commit(store_refs_any(q, refs + k, m));
+          }
+          continue;
         }
         break;
       }
     }
+    w.commit(p);
   }
-  const std::uint64_t table = static_cast<std::uint64_t>(p - begin);
+  const std::uint64_t table = objects_end;
   std::uint64_t offset = 8;
-  for (const Obj& o : objects_) {
-    p = store_be(p, offset, offset_size);
-    offset += encoded_size(o, ref_size);
+  for (std::uint64_t i = 0; i < count && w.ok(); ++i) {
+    p = w.room(offset_size);
+    w.commit(store_be(p, offset, offset_size));
+    offset += encoded_size(objects_[i], ref_size);
   }
+  p = w.room(32);
   std::memset(p, 0, 6);
   p += 6;
   *p++ = static_cast<char>(offset_size);
@@ -713,7 +823,8 @@ std::string Builder::write(std::uint32_t top) const {
   p = store_be(p, count, 8);
   p = store_be(p, top, 8);
   p = store_be(p, table, 8);
-  return out;
+  w.commit(p);
+  return w.finish();
 }
 
 }  // namespace orvia::bplist

@@ -15,6 +15,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -94,24 +95,56 @@ class Builder {
   void set_array(std::uint32_t index, const std::uint32_t* refs, std::size_t n, bool is_set = false);
   void set_dict(std::uint32_t index, const std::uint32_t* keys, const std::uint32_t* values, std::size_t n);
   std::size_t object_count() const { return objects_.size(); }
+  // Receives a file's bytes in order, in pieces.
+  class Sink {
+   public:
+    virtual ~Sink() = default;
+    virtual void expect(std::uint64_t total_size) { (void)total_size; }  // called once, before any piece
+    virtual bool put(std::string_view piece) = 0;                      // false stops the writing
+  };
   // The whole file, with `top` as the top object.
   std::string write(std::uint32_t top) const;
+  // The same bytes handed to `sink` a megabyte or so at a time, so the file need not be in memory
+  // beside the builder. False when the sink stopped it.
+  bool write_to(std::uint32_t top, Sink& sink) const;
 
  private:
   struct Obj {
-    std::uint8_t type;   // Type
-    std::uint8_t flag;   // string: 1 when ASCII
-    std::uint32_t aux;   // containers: refs start in refs_ (dicts: keys then values); other strings:
-                         // index into utf16_ of their UTF-16BE form
-    std::uint64_t a;     // scalars: value bits; strings/data: index into views_; containers: count
+    std::uint64_t a;       // scalars: value bits; strings/data: address of the bytes; containers: address of
+                           // the refs (dicts: keys then values)
+    std::uint32_t n_low;   // strings/data: byte count (UTF-8 for strings); containers: entries (dict: pairs)
+    std::uint16_t n_high;
+    std::uint8_t type;     // Type
+    std::uint8_t flag;     // Int: unsigned beyond the signed range; strings: 1 when ASCII
+    std::uint64_t n() const { return n_low | (std::uint64_t{n_high} << 32); }
+    void set_n(std::uint64_t v) {
+      n_low = static_cast<std::uint32_t>(v);
+      n_high = static_cast<std::uint16_t>(v >> 32);
+    }
+    std::string_view bytes() const { return {reinterpret_cast<const char*>(a), static_cast<std::size_t>(n())}; }
   };
-  // Owns the bytes of the strings and data added (appended to large blocks, never moved).
+  // Objects in blocks that never move: no copying as it grows, and no room held beyond one block.
+  class Objects {
+   public:
+    Obj& operator[](std::size_t i) { return blocks_[i >> kShift][i & kMask]; }
+    const Obj& operator[](std::size_t i) const { return blocks_[i >> kShift][i & kMask]; }
+    std::size_t size() const { return size_; }
+    std::uint32_t push(const Obj& o);
+
+   private:
+    static constexpr unsigned kShift = 16;
+    static constexpr std::size_t kMask = (std::size_t{1} << kShift) - 1;
+    std::vector<std::unique_ptr<Obj[]>> blocks_;
+    std::size_t size_ = 0;
+  };
+  // Owns the bytes of strings and data and the references of containers (large blocks, never moved).
   class Arena {
    public:
+    char* allocate(std::size_t size, std::size_t align);
     std::string_view copy(std::string_view bytes);
 
    private:
-    std::vector<std::unique_ptr<char[]>> blocks_;
+    std::vector<std::unique_ptr<char[]>> blocks_, large_;
     char* next_ = nullptr;
     std::size_t left_ = 0;
   };
@@ -126,11 +159,13 @@ class Builder {
   };
   std::uint32_t add_bytes(BytesTable& table, std::string_view bytes, Type type, bool ascii);
   std::uint32_t push(Obj o);
+  static Obj scalar(Type type, std::uint8_t flag, std::uint64_t bits);
   std::uint64_t encoded_size(const Obj& o, unsigned ref_size) const;
-  std::vector<Obj> objects_;
-  std::vector<std::uint32_t> refs_;
-  std::vector<std::string_view> views_;  // as added (UTF-8 for strings), compared when deduplicating
-  std::vector<std::string_view> utf16_;  // non-ASCII strings as written
+  // A non-ASCII string's UTF-16BE form, stored right after its UTF-8 bytes.
+  static std::string_view utf16_of(const Obj& o);
+  void set_container(std::uint32_t index, Type type, const std::uint32_t* first, const std::uint32_t* second,
+                     std::size_t n);
+  Objects objects_;
   Arena arena_;
   BytesTable strings_, datas_;
   std::unordered_map<std::uint64_t, std::uint32_t> ints_, reals_, dates_, uints_;

@@ -173,6 +173,16 @@ bool plain_ascii(std::string_view s) {
 class Archiver final : public KeyedEncoder {
  public:
   std::string run(const Object* root, std::string_view top_key) {
+    const std::uint32_t top = build(root, top_key);
+    return b_.write(top);
+  }
+  bool run_to(const Object* root, std::string_view top_key, bplist::Builder::Sink& sink) {
+    const std::uint32_t top = build(root, top_key);
+    return b_.write_to(top, sink);
+  }
+
+  // Adds every object of the archive to the builder; the top object's index.
+  std::uint32_t build(const Object* root, std::string_view top_key) {
     const std::uint32_t top = b_.reserve();
     entries_.push_back(b_.add_string("$null"));
     const std::uint32_t root_uid = uid_of(root);
@@ -192,7 +202,7 @@ class Archiver final : public KeyedEncoder {
                                   b_.add_string("$objects")};
     const std::uint32_t values[] = {b_.add_int(100000), b_.add_string("NSKeyedArchiver"), top_dict, objects};
     b_.set_dict(top, keys, values, 4);
-    return b_.write(top);
+    return top;
   }
 
   void encode_object(std::string_view key, const Object* obj) override {
@@ -976,6 +986,11 @@ ClassRegistry::Factory ClassRegistry::find(std::string_view class_name) const {
 std::string archive_root(const Object* root, const ArchiveOptions& options) {
   Archiver archiver;
   return archiver.run(root, options.top_key);
+}
+
+bool archive_root_to(const Object* root, bplist::Builder::Sink& sink, const ArchiveOptions& options) {
+  Archiver archiver;
+  return archiver.run_to(root, options.top_key, sink);
 }
 
 namespace {

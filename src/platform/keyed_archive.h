@@ -19,6 +19,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "platform/bplist_format.h"
 #include "platform/object.h"
 #include "platform/result.h"
 #include "platform/value.h"
@@ -119,6 +120,10 @@ struct ArchiveOptions {
 // archivedDataWithRootObject: the bytes of a binary keyed archive whose root is `root` (nil allowed).
 std::string archive_root(const Object* root, const ArchiveOptions& options = {});
 inline std::string archive_root(const Ref<Object>& root) { return archive_root(root.get()); }
+
+// The same bytes handed to `sink` in pieces as they are written, so that a large archive need not be
+// held in memory whole. False when the sink refused a piece.
+bool archive_root_to(const Object* root, bplist::Builder::Sink& sink, const ArchiveOptions& options = {});
 
 // unarchiveObjectWithData: the root object (nil for an archive of nil), or an error for bytes that are
 // not a well-formed keyed archive. Accepts binary and XML property lists.

@@ -30,13 +30,19 @@ void handle_import_request(ImportReply reply) {
   }
 }
 
-ImportOutcome run_direct_import(const std::string& home) {
+namespace {
+
+ImportOutcome run_direct(const std::string& home, bplist::Builder::Sink* sink, bool* written) {
   auto outcome = std::make_shared<ImportOutcome>();
   auto done = std::make_shared<std::atomic<bool>>(false);
-  auto completion = [outcome, done](bool success, Ref<Array> results) {
+  auto completion = [outcome, done, sink, written](bool success, Ref<Array> results) {
     if (done->load()) return;
     outcome->success = success;
-    if (success) outcome->archive = archive_root(results.get());
+    if (success && sink) {
+      *written = archive_root_to(results.get(), *sink);
+    } else if (success) {
+      outcome->archive = archive_root(results.get());
+    }
     done->store(true);
   };
   {
@@ -45,7 +51,16 @@ ImportOutcome run_direct_import(const std::string& home) {
   }
   // This thread serves the main queue until the run has answered.
   while (!done->load()) MainQueue::shared().drain(std::chrono::milliseconds(20));
-  return *outcome;
+  return std::move(*outcome);
+}
+
+}  // namespace
+
+ImportOutcome run_direct_import(const std::string& home) { return run_direct(home, nullptr, nullptr); }
+
+ImportOutcome run_direct_import(const std::string& home, bplist::Builder::Sink& sink, bool& written) {
+  written = false;
+  return run_direct(home, &sink, &written);
 }
 
 }  // namespace orvia::service

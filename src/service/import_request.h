@@ -6,6 +6,8 @@
 #include <optional>
 #include <string>
 
+#include "platform/bplist_format.h"
+
 namespace orvia::service {
 
 // Called exactly once per request, from any thread: (NO, nil) for a failure, (YES, archive) otherwise.
@@ -24,5 +26,8 @@ struct ImportOutcome {
 // waits for its outcome. Serves the main queue on the calling thread while the import needs it, so it
 // must be called from a thread that may act as the main thread (the command line's first thread).
 ImportOutcome run_direct_import(const std::string& home);
+// The same, with a successful run's archive handed to `sink` as it is written instead of kept in the
+// outcome (which then holds no archive); `written` tells whether the sink took every piece.
+ImportOutcome run_direct_import(const std::string& home, bplist::Builder::Sink& sink, bool& written);
 
 }  // namespace orvia::service

@@ -93,6 +93,12 @@ TEST(ImportCommand, ServiceThatAnswersNoGivesStatus1AndNoArchiveFile) {
   ProgramRun direct = import({"--direct", "--home", dir.path().string()});
   EXPECT_EQ(direct.status, 1);
   EXPECT_EQ(direct.err, kNoLine);
+  // Streamed straight to its file, a NO still leaves no file.
+  ProgramRun streamed = import({"--direct", "--home", dir.path().string(), "--format", "none", "--archive-out",
+                                (dir / "direct.archive").string()});
+  EXPECT_EQ(streamed.status, 1);
+  EXPECT_EQ(streamed.err, kNoLine);
+  EXPECT_FALSE(fs::exists(dir / "direct.archive"));
 }
 
 TEST(ImportCommand, NoReplyGivesStatus3) {

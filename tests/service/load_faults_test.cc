@@ -20,6 +20,7 @@
 
 #include "client/import_client.h"
 #include "service/bus_names.h"
+#include "service/import_request.h"
 #include "support/private_bus.h"
 #include "support/support.h"
 
@@ -165,6 +166,35 @@ void expect_every_call_answered_once(const PrivateBus& bus) {
   ASSERT_TRUE((home).error().empty()) << (home).error()
 
 // ---- load --------------------------------------------------------------------------------------------
+
+TEST(ServiceLoad, TheReplyIsTheSameThroughTheBusInProcessAndStreamedToAFile) {
+  // Album media are converted on a worker while the archive is written; every route gives one archive.
+  SampleHome sample("typical");
+  REQUIRE_SAMPLE(sample);
+  PrivateBusOptions options;
+  options.environment["HOME"] = sample.home();
+  PrivateBus bus(options);
+  client::CallOutcome reply = call();
+  ASSERT_EQ(reply.status, client::CallStatus::Replied) << reply.error << "\n" << bus.daemon_log();
+  ASSERT_TRUE(reply.success && reply.archive);
+
+  ImportOutcome in_process = run_direct_import(sample.home());
+  ASSERT_TRUE(in_process.success && in_process.archive);
+  EXPECT_TRUE(*in_process.archive == *reply.archive);
+
+  test::TempDir dir;
+  const fs::path saved = dir / "reply.archive";
+  test::ProgramRun streamed = test::run_program({test::built_program("orvia4-import").string(), "--direct", "--home",
+                                                 sample.home(), "--format", "none", "--archive-out", saved.string()});
+  ASSERT_EQ(streamed.status, 0) << streamed.err;
+  EXPECT_TRUE(test::read_file(saved.string()) == *reply.archive);
+
+  // A file that cannot be made: status 4.
+  test::ProgramRun unwritable = test::run_program({test::built_program("orvia4-import").string(), "--direct", "--home",
+                                                   sample.home(), "--format", "none", "--archive-out",
+                                                   (dir / "missing" / "reply.archive").string()});
+  EXPECT_EQ(unwritable.status, 4) << unwritable.err;
+}
 
 TEST(ServiceLoad, TwentyClientsAtOnceAreEachAnsweredOnceWithTheSameArchiveInBoundedMemory) {
   SampleHome sample("demo");
