@@ -32,8 +32,10 @@ Ref<String> string_from_libplist(std::string s) {
 
 // A UID outside a keyed archive is read the way the XML form writes it: {"CF$UID": n}.
 Ref<Object> uid_dictionary(std::uint64_t v) {
+  static String* const key = str("CF$UID").leak();  // one immutable key for every such dictionary
   auto d = make<Dictionary>(false);
-  d->append(str("CF$UID"), Number::from_uint(v));
+  d->reserve(1);
+  d->append(Ref<Object>(key), Number::from_uint(v));
   return d;
 }
 
@@ -76,18 +78,27 @@ Result<Ref<Object>> read_binary_plist(std::string_view bytes) {
   // still being filled holds itself, which a property list cannot express.
   enum : std::uint8_t { kUnseen, kFilling, kDone };
   std::vector<std::uint8_t> state(view.size(), kUnseen);
-  std::vector<Ref<Object>> built(view.size());
+  // Objects by index, not owned: a container is owned by its frame while it is filled, then by its
+  // parent, which takes it over from `finished` (so reading costs no reference counting per object).
+  std::vector<Object*> built(view.size(), nullptr);
   struct Frame {
     std::uint64_t index;
     Item item;
     std::uint64_t next = 0;
+    Ref<Object> owner;
+    Ref<Object> pending_key;  // a dictionary's key, resolved while its value is being built
   };
   std::vector<Frame> stack;
+  Ref<Object> finished;  // the container completed last, until its parent takes it
 
   // Resolves object `index`: builds scalars at once, starts containers (returns false then).
   auto resolve = [&](std::uint64_t index, Ref<Object>& out) -> Result<bool> {
     if (state[index] == kDone) {
-      out = built[index];
+      if (finished.get() == built[index]) {
+        out = std::move(finished);
+      } else {
+        out = Ref<Object>(built[index]);
+      }
       return true;
     }
     if (state[index] == kFilling) return Error{fmt::format("bplist: container {} holds itself", index)};
@@ -95,22 +106,29 @@ Result<Ref<Object>> read_binary_plist(std::string_view bytes) {
     if (!it) return it.error();
     if (!is_container(it->type)) {
       out = scalar_object(view, it.value());
-      built[index] = out;
+      built[index] = out.get();
       state[index] = kDone;
       return true;
     }
+    // Sized for the entries the file lists (bounded by the file: each takes at least one byte).
     Ref<Object> container;
+    const std::size_t entries = static_cast<std::size_t>(it->count);
     if (it->type == Type::Dict) {
-      container = make<Dictionary>(false);
+      auto d = make<Dictionary>(false);
+      d->reserve(entries);
+      container = std::move(d);
     } else if (it->type == Type::Set) {
-      container = make<Set>(false);
+      auto set = make<Set>(false);
+      set->mutable_items().reserve(entries);
+      container = std::move(set);
     } else {
-      container = make<Array>(false);
+      auto a = make<Array>(false);
+      a->mutable_items().reserve(entries);
+      container = std::move(a);
     }
-    built[index] = container;
+    built[index] = container.get();
     state[index] = kFilling;
-    stack.push_back(Frame{index, it.value()});
-    out = std::move(container);
+    stack.push_back(Frame{index, it.value(), 0, std::move(container), nullptr});
     return false;
   };
 
@@ -121,9 +139,10 @@ Result<Ref<Object>> read_binary_plist(std::string_view bytes) {
   }
   while (!stack.empty()) {
     Frame& f = stack.back();
-    Object* container = built[f.index].get();
+    Object* container = f.owner.get();
     if (f.next == f.item.count) {
       state[f.index] = kDone;
+      finished = std::move(f.owner);
       stack.pop_back();
       continue;
     }
@@ -132,15 +151,21 @@ Result<Ref<Object>> read_binary_plist(std::string_view bytes) {
       if (!kref) return kref.error();
       auto vref = view.ref(f.item, f.item.count + f.next);
       if (!vref) return vref.error();
+      const std::size_t at = stack.size() - 1;  // `f` moves when a child container is started
       Ref<Object> key, value;
-      std::size_t depth = stack.size();
-      auto rk = resolve(kref.value(), key);
-      if (!rk) return rk.error();
-      if (!rk.value()) continue;  // the key is a container being built first
+      if (f.pending_key) {
+        key = std::move(f.pending_key);
+      } else {
+        auto rk = resolve(kref.value(), key);
+        if (!rk) return rk.error();
+        if (!rk.value()) continue;  // the key is a container being built first
+      }
       auto rv = resolve(vref.value(), value);
       if (!rv) return rv.error();
-      if (!rv.value()) continue;
-      (void)depth;
+      if (!rv.value()) {  // the value is built first; the key waits in its frame
+        stack[at].pending_key = std::move(key);
+        continue;
+      }
       if (!as_string(key.get())) return Error{fmt::format("bplist: dictionary {} has a key that is not a string", f.index)};
       static_cast<Dictionary*>(container)->append(std::move(key), std::move(value));
       ++stack[stack.size() - 1].next;
@@ -159,6 +184,7 @@ Result<Ref<Object>> read_binary_plist(std::string_view bytes) {
       ++f.next;
     }
   }
+  if (!root) root = std::move(finished);  // the top object is a container
   return root;
 }
 
