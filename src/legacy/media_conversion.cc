@@ -1,6 +1,7 @@
 #include "legacy/media_conversion.h"
 
 #include <initializer_list>
+#include <optional>
 #include <string>
 
 #include "platform/description.h"
@@ -87,12 +88,16 @@ Result<Ref<Dictionary>> decode_media_record(std::string_view archive) {
   return Ref<Dictionary>(d);
 }
 
-Ref<Dictionary> convertedDictionary(const Dictionary* stored) {
+namespace {
+
+// The conversion, reading the stored record through `at_path` (a key path -> the object there, or null).
+template <class AtPath>
+Ref<Dictionary> convert(AtPath&& at_path) {
   const Constants& c = k();
   Ref<Dictionary> out = make<Dictionary>(true);
   out->reserve(24);
-  Object* created_time = at_path(stored, {"caption", "created_time"});
-  Object* id = at_path(stored, {"id"});
+  Object* created_time = at_path({"caption", "created_time"});
+  Object* id = at_path({"id"});
 
   // "pk": the id up to its first "_" (the whole id when it has none).
   Ref<Object> pk;
@@ -107,7 +112,7 @@ Ref<Dictionary> convertedDictionary(const Dictionary* stored) {
   }
   // "code": the link after its last "/" (empty when it ends in "/", the whole link when it has none).
   Ref<Object> code;
-  if (text_source(at_path(stored, {"link"}), text)) {
+  if (text_source(at_path({"link"}), text)) {
     std::size_t cut = text.rfind('/');
     code = str(cut == std::string::npos ? std::string_view(text) : std::string_view(text).substr(cut + 1));
   }
@@ -116,7 +121,7 @@ Ref<Dictionary> convertedDictionary(const Dictionary* stored) {
   put(*out, c.id, id);
   put(*out, c.pk, pk);
   put(*out, c.device_timestamp, created_time);
-  put(*out, c.media_type, at_path(stored, {"videos"}) ? c.two.get() : c.one.get());
+  put(*out, c.media_type, at_path({"videos"}) ? c.two.get() : c.one.get());
   put(*out, c.code, code);
   put(*out, c.filter_type, c.zero.get());
 
@@ -124,12 +129,12 @@ Ref<Dictionary> convertedDictionary(const Dictionary* stored) {
   standard->reserve(3);
   put(*standard, c.width, c.n640.get());
   put(*standard, c.height, c.n640.get());
-  put(*standard, c.url, at_path(stored, {"images", "standard_resolution", "url"}));
+  put(*standard, c.url, at_path({"images", "standard_resolution", "url"}));
   Ref<Dictionary> low = make<Dictionary>(true);
   low->reserve(3);
   put(*low, c.width, c.n320.get());
   put(*low, c.height, c.n320.get());
-  put(*low, c.url, at_path(stored, {"images", "low_resolution", "url"}));
+  put(*low, c.url, at_path({"images", "low_resolution", "url"}));
   Ref<Dictionary> versions = make<Dictionary>(true);
   versions->reserve(1);
   put(*versions, c.candidates, Ref<Object>(make<Array>(std::vector<Ref<Object>>{standard, low}, false)));
@@ -140,18 +145,18 @@ Ref<Dictionary> convertedDictionary(const Dictionary* stored) {
 
   Ref<Dictionary> user = make<Dictionary>(true);
   user->reserve(5);
-  put(*user, c.pk, at_path(stored, {"user", "id"}));
-  put(*user, c.username, at_path(stored, {"user", "username"}));
-  put(*user, c.full_name, at_path(stored, {"user", "full_name"}));
-  put(*user, c.profile_pic_url, at_path(stored, {"user", "profile_picture"}));
+  put(*user, c.pk, at_path({"user", "id"}));
+  put(*user, c.username, at_path({"user", "username"}));
+  put(*user, c.full_name, at_path({"user", "full_name"}));
+  put(*user, c.profile_pic_url, at_path({"user", "profile_picture"}));
   put(*user, c.is_private, c.no.get());
   put(*out, c.user, Ref<Object>(user));
 
   Ref<Dictionary> caption = make<Dictionary>(true);
   caption->reserve(13);
-  put(*caption, c.pk, at_path(stored, {"caption", "id"}));
-  put(*caption, c.user_id, at_path(stored, {"caption", "from", "id"}));
-  put(*caption, c.text, at_path(stored, {"caption", "text"}));
+  put(*caption, c.pk, at_path({"caption", "id"}));
+  put(*caption, c.user_id, at_path({"caption", "from", "id"}));
+  put(*caption, c.text, at_path({"caption", "text"}));
   put(*caption, c.type, c.one.get());
   put(*caption, c.created_at, created_time);
   put(*caption, c.created_at_utc, created_time);
@@ -164,18 +169,37 @@ Ref<Dictionary> convertedDictionary(const Dictionary* stored) {
   put(*caption, c.caption_is_edited, c.no.get());
   put(*out, c.caption, Ref<Object>(caption));
 
-  put(*out, c.like_count, at_path(stored, {"likes", "count"}));
-  put(*out, c.has_liked, at_path(stored, {"user_has_liked"}));
+  put(*out, c.like_count, at_path({"likes", "count"}));
+  put(*out, c.has_liked, at_path({"user_has_liked"}));
   put(*out, c.likers, Ref<Object>(make<Array>(false)));
   put(*out, c.comment_likes_enabled, c.no.get());
   put(*out, c.comment_threading_enabled, c.no.get());
   put(*out, c.has_more_comments, c.no.get());
   put(*out, c.max_num_visible_preview_comments, c.zero.get());
   put(*out, c.preview_comments, Ref<Object>(make<Array>(false)));
-  put(*out, c.comment_count, at_path(stored, {"comments", "count"}));
+  put(*out, c.comment_count, at_path({"comments", "count"}));
   put(*out, c.photo_of_you, c.no.get());
   put(*out, c.can_viewer_save, c.yes.get());
   put(*out, c.converted_from_orvia4, c.yes.get());
+  return out;
+}
+
+}  // namespace
+
+Ref<Dictionary> convertedDictionary(const Dictionary* stored) {
+  return convert([stored](std::initializer_list<std::string_view> path) { return at_path(stored, path); });
+}
+
+std::optional<Ref<Dictionary>> convertedDictionaryByLookup(std::string_view archive) {
+  KeyedArchiveLookup lookup(archive);
+  if (!lookup.usable()) return std::nullopt;
+  bool unsure = false;
+  Ref<Dictionary> out = convert([&](std::initializer_list<std::string_view> path) -> Object* {
+    std::optional<Object*> value = lookup.at_path(path);
+    if (!value) unsure = true;
+    return value.value_or(nullptr);
+  });
+  if (unsure) return std::nullopt;
   return out;
 }
 
@@ -185,6 +209,7 @@ Ref<Dictionary> convertedDictionaryFromArchive(const std::string_view* archive, 
     NSLog("Unreadable media record %@: %@", label, "no stored dictionary");
     return convertedDictionary(nullptr);
   }
+  if (std::optional<Ref<Dictionary>> quick = convertedDictionaryByLookup(*archive)) return std::move(*quick);
   auto decoded = decode_media_record(*archive);
   if (!decoded.ok()) {
     NSLog("Unreadable media record %@: %@", label, decoded.error().message);

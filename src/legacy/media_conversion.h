@@ -3,6 +3,7 @@
 // "converted_from_orvia4". A fixed mapping of 24 keys in a fixed order; see media_conversion.cc.
 #pragma once
 
+#include <optional>
 #include <string_view>
 
 #include "platform/object.h"
@@ -19,7 +20,12 @@ Result<Ref<Dictionary>> decode_media_record(std::string_view archive);
 // empty record (only the constant keys are set). Never null.
 Ref<Dictionary> convertedDictionary(const Dictionary* stored);
 
-// Decodes and converts; an absent or unreadable archive logs "Unreadable media record %@: %@" with
+// The same conversion reading only the values it takes out of the archive, without decoding the rest:
+// nothing when the archive is not one such reading is sure to convert exactly as decoding it whole
+// would (any damage, records of other classes, keys that are not plain strings, the XML form).
+std::optional<Ref<Dictionary>> convertedDictionaryByLookup(std::string_view archive);
+
+// Decodes and converts (reading only what it takes where it can); an absent or unreadable archive logs "Unreadable media record %@: %@" with
 // `label` (the item's object URI) and the reason, and converts as an empty record.
 Ref<Dictionary> convertedDictionaryFromArchive(const std::string_view* archive, std::string_view label);
 

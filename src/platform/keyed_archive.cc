@@ -441,6 +441,28 @@ class KeyedUnarchiverImpl final : public KeyedDecoder {
   KeyedUnarchiverImpl& operator=(const KeyedUnarchiverImpl&) = delete;
 
   Result<std::vector<std::pair<std::string, Ref<Object>>>> run() {
+    auto tops = open_archive();
+    if (!tops) return tops.error();
+    std::vector<std::pair<std::string, Ref<Object>>> out;
+    for (std::uint64_t i = 0; i < tops->count && error_.empty(); ++i) {
+      auto k = v_.ref(tops.value(), i);
+      auto val = v_.ref(tops.value(), tops->count + i);
+      if (!k || !val) return Error{"archive: $top reference out of range"};
+      auto ki = v_.item(k.value());
+      auto vi = v_.item(val.value());
+      if (!ki) return ki.error();
+      if (!vi) return vi.error();
+      if (vi->type != Type::Uid) return Error{"archive: $top value is not a UID"};
+      Ref<Object> obj = decode_uid(vi->scalar, 0);
+      drain();
+      out.emplace_back(v_.text(ki.value()), std::move(obj));
+    }
+    if (!error_.empty()) return Error{error_};
+    return out;
+  }
+
+  // Finds "$objects" and "$top"; the "$top" dictionary.
+  Result<Item> open_archive() {
     auto top = v_.item(v_.top());
     if (!top) return top.error();
     if (top->type != Type::Dict) return Error{"archive: top level is not a dictionary"};
@@ -466,23 +488,187 @@ class KeyedUnarchiverImpl final : public KeyedDecoder {
     auto tops = v_.item(top_ref);
     if (!tops) return tops.error();
     if (tops->type != Type::Dict) return Error{"archive: $top is not a dictionary"};
-    std::vector<std::pair<std::string, Ref<Object>>> out;
-    for (std::uint64_t i = 0; i < tops->count && error_.empty(); ++i) {
+    return tops.value();
+  }
+
+  // ---- Lookups that decode only what they reach.
+  // They answer exactly as the unarchived root dictionary would, provided unarchiving would succeed
+  // and nothing on the way is decoded differently when reached alone. So they are offered only for
+  // archives that pass a check of every object against the same rules, holding Foundation values only
+  // (no records, whose decoding could depend on anything), with a dictionary root.
+
+  bool open_for_lookup() {
+    auto tops = open_archive();
+    if (!tops) return false;
+    const std::uint64_t count = objects_.count;
+    std::vector<std::uint8_t>& kinds = scratch_->kinds;
+    kinds.assign(count, kValue);
+    std::vector<std::uint64_t>& targets = scratch_->targets;   // must be nil, a value or an object record
+    std::vector<std::uint64_t>& classes = scratch_->class_refs;  // must be class records of allowed classes
+    std::vector<LookupRecord>& records = scratch_->records;
+    targets.clear();
+    classes.clear();
+    records.assign(count, LookupRecord{});
+    Frame& f = frame_at(1);
+    auto note_target = [&](const Item& it) {
+      if (it.type == Type::Uid) targets.push_back(it.scalar);
+    };
+    std::vector<std::uint64_t>& elements = scratch_->elements;  // list entries: UIDs, or kInline
+    std::vector<std::string_view>& texts = scratch_->texts;      // plain strings' bytes, by UID
+    elements.clear();
+    texts.assign(count, std::string_view());
+    auto note_list = [&](const Item* list, std::uint32_t& first) {
+      if (!list) return true;
+      if (list->type != Type::Array) return false;
+      first = static_cast<std::uint32_t>(elements.size());
+      for (std::uint64_t i = 0; i < list->count; ++i) {
+        auto r = v_.ref(*list, i);
+        if (!r) return false;
+        auto e = v_.item(r.value());
+        if (!e) return false;
+        note_target(e.value());
+        elements.push_back(e->type == Type::Uid ? e->scalar : kInline);
+      }
+      return true;
+    };
+    for (std::uint64_t uid = 1; uid < count; ++uid) {
+      auto ref = v_.ref(objects_, uid);
+      if (!ref) return false;
+      auto it = v_.item(ref.value());
+      if (!it) return false;
+      switch (it->type) {
+        case Type::Array:
+        case Type::Set:
+        case Type::Uid:
+          return false;  // an entry unarchiving refuses when reached
+        case Type::Dict:
+          break;
+        case Type::Null:
+          kinds[uid] = kNil;
+          continue;
+        case Type::AsciiString:
+        case Type::Utf8String:
+          if (v_.raw(it.value()) == "$null") {
+            kinds[uid] = kNil;
+          } else if (plain_ascii(v_.raw(it.value()))) {
+            texts[uid] = v_.raw(it.value());
+          }
+          continue;
+        default:
+          continue;  // other values
+      }
+      if (!load_fields(it.value(), f)) return false;
+      const Item* cls = nullptr;
+      bool is_class = false;
+      for (const Field& field : f.fields) {
+        if (field.key == "$classname") is_class = true;
+        if (field.key == "$class" && !cls) cls = &field.value;
+      }
+      if (is_class) {
+        kinds[uid] = kClass;
+        continue;
+      }
+      if (!cls || cls->type != Type::Uid) return false;
+      kinds[uid] = kRecord;
+      classes.push_back(cls->scalar);
+      LookupRecord& rec = records[uid];
+      rec.cls = cls->scalar;
+      const Item* keys = find_in(f, "NS.keys");
+      const Item* objects = find_in(f, "NS.objects");
+      rec.has_keys = keys != nullptr;
+      rec.has_objects = objects != nullptr;
+      // The keys each Foundation class reads; the class itself is checked below.
+      if (!note_list(keys, rec.first_key) || !note_list(objects, rec.first_object)) return false;
+      rec.key_count = keys ? keys->count : 0;
+      rec.object_count = objects ? objects->count : 0;
+      for (std::string_view key : {"NS.string", "NS.bytes", "NS.data", "NS.time"})
+        if (const Item* v = find_in(f, key)) note_target(*v);
+    }
+    for (std::uint64_t t : targets)
+      if (t >= count || kinds[t] == kClass) return false;
+    // Every key of a dictionary must be told apart by its text here: a key that is not a plain string
+    // (a string record, text in UTF-16 or Latin-1) leaves the archive to unarchiving.
+    for (std::uint64_t c : classes) {
+      if (c >= count || kinds[c] != kClass) return false;
+      const ClassInfo& info = class_info(c);
+      if (!info.ok || info.builtin == Builtin::None) return false;
+    }
+    // Arrays and sets written in the "NS.object.N" form are read by other rules: not here.
+    for (std::uint64_t uid = 1; uid < count; ++uid) {
+      if (kinds[uid] != kRecord) continue;
+      LookupRecord& rec = records[uid];
+      rec.builtin = class_info(rec.cls).builtin;
+      const Builtin b = rec.builtin;
+      if ((b == Builtin::Array || b == Builtin::MutableArray || b == Builtin::Set || b == Builtin::MutableSet) &&
+          !rec.has_objects)
+        return false;
+    }
+    // "$top": every value a UID that unarchiving accepts; the root a dictionary.
+    root_uid_ = 0;
+    bool root_seen = false;  // the first "root" counts, as for unarchive
+    for (std::uint64_t i = 0; i < tops->count; ++i) {
       auto k = v_.ref(tops.value(), i);
       auto val = v_.ref(tops.value(), tops->count + i);
-      if (!k || !val) return Error{"archive: $top reference out of range"};
+      if (!k || !val) return false;
       auto ki = v_.item(k.value());
       auto vi = v_.item(val.value());
-      if (!ki) return ki.error();
-      if (!vi) return vi.error();
-      if (vi->type != Type::Uid) return Error{"archive: $top value is not a UID"};
-      Ref<Object> obj = decode_uid(vi->scalar, 0);
-      drain();
-      out.emplace_back(v_.text(ki.value()), std::move(obj));
+      if (!ki || !vi || vi->type != Type::Uid) return false;
+      if (vi->scalar >= count || kinds[vi->scalar] == kClass) return false;
+      if (!root_seen && v_.text(ki.value()) == "root") {
+        root_seen = true;
+        root_uid_ = vi->scalar;
+      }
     }
-    if (!error_.empty()) return Error{error_};
-    return out;
+    if (!root_uid_ || kinds[root_uid_] != kRecord) return false;
+    const Builtin root = records[root_uid_].builtin;
+    return (root == Builtin::Dict || root == Builtin::MutableDict) && error_.empty();
   }
+
+  // The object at a key path of nested dictionaries below the root; nil when a part is missing or a
+  // value on the way is not a dictionary; nothing when the lookup cannot tell.
+  std::optional<Object*> lookup(std::span<const std::string_view> path) {
+    std::uint64_t uid = root_uid_;
+    for (std::size_t step = 0; step < path.size(); ++step) {
+      if (uid == 0 || kinds()[uid] != kRecord) return nullptr;  // not a dictionary
+      const Builtin b = scratch_->records[uid].builtin;
+      if (b != Builtin::Dict && b != Builtin::MutableDict) return nullptr;
+      std::optional<std::uint64_t> found = find_entry(uid, path[step]);
+      if (!found) return std::nullopt;
+      uid = *found;
+      if (uid == 0) return nullptr;
+    }
+    Ref<Object> value = decode_uid(uid, 0);
+    drain();
+    if (!error_.empty()) return std::nullopt;
+    return value.get();  // decoded_ keeps it
+  }
+
+  // The UID under `key` in a dictionary record, as the decoded dictionary's first entry with that key
+  // would hold it (0: none); nothing for entries these lookups leave to unarchiving.
+  std::optional<std::uint64_t> find_entry(std::uint64_t dict_uid, std::string_view key) {
+    const LookupRecord& rec = scratch_->records[dict_uid];
+    if (!rec.has_keys || !rec.has_objects) return 0;  // the decoded dictionary is empty
+    const std::vector<std::uint64_t>& elements = scratch_->elements;
+    const std::vector<std::uint8_t>& kinds = scratch_->kinds;
+    const std::uint64_t n = std::min(rec.key_count, rec.object_count);
+    for (std::uint64_t i = 0; i < n; ++i) {
+      const std::uint64_t k = elements[rec.first_key + i], v = elements[rec.first_object + i];
+      if (k == kInline || v == kInline) return std::nullopt;  // written in place
+      if (k == 0 || v == 0 || kinds[k] == kNil || kinds[v] == kNil) continue;  // the entry is left out
+      if (kinds[k] != kValue) return std::nullopt;  // an object as key (a string record, say)
+      std::string_view text = scratch_->texts[k];
+      if (text.data() == nullptr) {  // not a plain string: compared as unarchiving reads it
+        auto key_item = v_.item(v_.ref_unchecked(objects_, k));
+        if (!key_item) return std::nullopt;
+        if (v_.text_equals(key_item.value(), key)) return v;
+        continue;
+      }
+      if (text == key) return v;
+    }
+    return 0;
+  }
+
+  std::uint64_t root_uid() const { return root_uid_; }
 
   // KeyedDecoder: lookups in the object that is being filled.
   Ref<Object> decode_object(std::string_view key) override {
@@ -901,7 +1087,29 @@ class KeyedUnarchiverImpl final : public KeyedDecoder {
 
   // Tables of one unarchiving, kept per thread between calls: decoding many small archives one after
   // the other (stored media records) then allocates them once.
+  enum : std::uint8_t { kValue, kRecord, kClass, kNil };
+  std::vector<std::uint8_t>& kinds() { return scratch_->kinds; }
+  const Item* find_in(const Frame& f, std::string_view key) const {
+    for (const Field& field : f.fields)
+      if (field.key == key) return &field.value;
+    return nullptr;
+  }
+  // What lookups need of an object record, read once.
+  struct LookupRecord {
+    std::uint64_t cls = 0;
+    Builtin builtin = Builtin::None;
+    bool has_keys = false, has_objects = false;
+    std::uint32_t first_key = 0, first_object = 0;  // into the lookup's list of list entries
+    std::uint64_t key_count = 0, object_count = 0;
+  };
+  static constexpr std::uint64_t kInline = UINT64_MAX;
+
   struct Scratch {
+    std::vector<std::uint8_t> kinds;
+    std::vector<std::uint64_t> targets, class_refs;
+    std::vector<LookupRecord> records;
+    std::vector<std::uint64_t> elements;
+    std::vector<std::string_view> texts;
     std::vector<std::uint8_t> state;
     std::vector<Ref<Object>> decoded;
     std::unordered_map<std::uint64_t, ClassInfo> classes;
@@ -927,6 +1135,7 @@ class KeyedUnarchiverImpl final : public KeyedDecoder {
   std::vector<std::unique_ptr<Frame>>& frames_ = scratch_->frames;
   std::vector<Pending>& pending_ = scratch_->pending;
   int depth_ = 0;
+  std::uint64_t root_uid_ = 0;
   std::string error_;
 };
 
@@ -1086,6 +1295,27 @@ Result<Ref<Object>> unarchive(std::string_view bytes, const ClassRegistry& regis
   for (auto& [key, obj] : tops.value())
     if (key == "root") return std::move(obj);
   return Error{"archive: $top has no root"};
+}
+
+struct KeyedArchiveLookup::State {
+  bplist::View view;
+  std::unique_ptr<KeyedUnarchiverImpl> impl;
+};
+
+KeyedArchiveLookup::KeyedArchiveLookup(std::string_view bytes, const ClassRegistry& registry) {
+  if (!bytes.starts_with("bplist00")) return;  // the XML form is converted first: unarchive reads it
+  auto view = bplist::View::open(bytes);
+  if (!view) return;
+  state_ = std::make_unique<State>(State{view.value(), nullptr});
+  state_->impl = std::make_unique<KeyedUnarchiverImpl>(state_->view, registry);
+  if (!state_->impl->open_for_lookup()) state_.reset();
+}
+
+KeyedArchiveLookup::~KeyedArchiveLookup() = default;
+
+std::optional<Object*> KeyedArchiveLookup::at_path(std::initializer_list<std::string_view> path) {
+  if (!state_) return std::nullopt;
+  return state_->impl->lookup(std::span<const std::string_view>(path.begin(), path.size()));
 }
 
 Ref<Object> copy_through_archive(const Object* obj, const ClassRegistry& registry) {

@@ -13,6 +13,7 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <span>
 #include <string>
 #include <string_view>
@@ -132,6 +133,30 @@ Result<Ref<Object>> unarchive(std::string_view bytes, const ClassRegistry& regis
 // All top-level objects of "$top" (for archives written with other top keys), in archived order.
 Result<std::vector<std::pair<std::string, Ref<Object>>>> unarchive_top(
     std::string_view bytes, const ClassRegistry& registry = ClassRegistry::shared());
+
+class KeyedUnarchiverImpl;
+
+// Values of a keyed archive whose root is a dictionary, looked up by key path without unarchiving the
+// rest: what reading a few values out of many small archives needs. Offered only where the answers are
+// sure to be the ones unarchive's root dictionary would give (a well-formed binary archive of Foundation
+// values; shared objects stay shared): otherwise the caller unarchives the archive whole.
+class KeyedArchiveLookup {
+ public:
+  // The bytes must stay alive while the lookup is used.
+  explicit KeyedArchiveLookup(std::string_view bytes, const ClassRegistry& registry = ClassRegistry::shared());
+  ~KeyedArchiveLookup();
+  KeyedArchiveLookup(const KeyedArchiveLookup&) = delete;
+  KeyedArchiveLookup& operator=(const KeyedArchiveLookup&) = delete;
+
+  bool usable() const { return state_ != nullptr; }
+  // The object at a path of nested dictionaries (owned by the lookup); null when a part is missing or a
+  // value on the way is not a dictionary; nothing when this lookup cannot tell.
+  std::optional<Object*> at_path(std::initializer_list<std::string_view> path);
+
+ private:
+  struct State;
+  std::unique_ptr<State> state_;
+};
 
 // Deep copy through an archive round trip (copyWithZone: of the records).
 Ref<Object> copy_through_archive(const Object* obj, const ClassRegistry& registry = ClassRegistry::shared());

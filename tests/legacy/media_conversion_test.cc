@@ -6,6 +6,7 @@
 
 #include <functional>
 
+#include "platform/bplist_format.h"
 #include "platform/keyed_archive.h"
 #include "platform/log.h"
 
@@ -304,6 +305,202 @@ TEST(MediaConversion, KeepsIntegersAndBooleansApartThroughAnArchive) {
   expect_bool(back->get("converted_from_orvia4"), true);
   // The shared user record stays one object.
   EXPECT_EQ(as_dict(back->get("caption"))->get("user"), back->get("user"));
+}
+
+
+// ---- reading only the values taken, against decoding whole
+
+// A keyed archive written entry by entry, so that a test can shape what archivers never write.
+class Sketch {
+ public:
+  Sketch() { objects_.push_back(b_.add_string("$null")); }
+  std::uint64_t string(std::string_view text) { return value(b_.add_string(text)); }
+  std::uint64_t integer(std::int64_t v) { return value(b_.add_int(v)); }
+  std::uint64_t boolean_value(bool v) { return value(b_.add_bool(v)); }
+  std::uint64_t null_object() { return value(b_.add_null()); }
+  std::uint64_t class_record(std::string_view name) {
+    const std::uint32_t names[] = {b_.add_string(name), b_.add_string("NSObject")};
+    const std::uint32_t list = b_.reserve();
+    b_.set_array(list, names, 2);
+    const std::uint32_t keys[] = {b_.add_string("$classname"), b_.add_string("$classes")};
+    const std::uint32_t values[] = {b_.add_string(name), list};
+    const std::uint32_t d = b_.reserve();
+    b_.set_dict(d, keys, values, 2);
+    return value(d);
+  }
+  std::uint64_t slot() { return value(b_.reserve()); }
+  // A record with lists of UIDs under list keys ("NS.keys", "NS.objects") and single UIDs under others.
+  void record(std::uint64_t at, std::uint64_t cls, const std::vector<std::pair<std::string, std::vector<std::uint64_t>>>& lists,
+              const std::vector<std::pair<std::string, std::uint64_t>>& fields = {}) {
+    std::vector<std::uint32_t> keys, values;
+    for (const auto& [key, uids] : lists) {
+      std::vector<std::uint32_t> refs;
+      for (std::uint64_t u : uids) refs.push_back(b_.add_uid(u));
+      const std::uint32_t list = b_.reserve();
+      b_.set_array(list, refs.data(), refs.size());
+      keys.push_back(b_.add_string(key));
+      values.push_back(list);
+    }
+    for (const auto& [key, uid] : fields) {
+      keys.push_back(b_.add_string(key));
+      values.push_back(b_.add_uid(uid));
+    }
+    if (cls) {
+      keys.push_back(b_.add_string("$class"));
+      values.push_back(b_.add_uid(cls));
+    }
+    b_.set_dict(objects_[at], keys.data(), values.data(), keys.size());
+  }
+  std::uint64_t dictionary(std::uint64_t cls, const std::vector<std::pair<std::uint64_t, std::uint64_t>>& entries) {
+    const std::uint64_t at = slot();
+    std::vector<std::uint64_t> keys, values;
+    for (const auto& [k, v] : entries) keys.push_back(k), values.push_back(v);
+    record(at, cls, {{"NS.keys", keys}, {"NS.objects", values}});
+    return at;
+  }
+  std::string bytes(std::uint64_t root) {
+    const std::uint32_t list = b_.reserve();
+    b_.set_array(list, objects_.data(), objects_.size());
+    const std::uint32_t tk = b_.add_string("root"), tv = b_.add_uid(root);
+    const std::uint32_t top_dict = b_.reserve();
+    b_.set_dict(top_dict, &tk, &tv, 1);
+    const std::uint32_t keys[] = {b_.add_string("$version"), b_.add_string("$archiver"), b_.add_string("$top"),
+                                  b_.add_string("$objects")};
+    const std::uint32_t values[] = {b_.add_int(100000), b_.add_string("NSKeyedArchiver"), top_dict, list};
+    const std::uint32_t top = b_.reserve();
+    b_.set_dict(top, keys, values, 4);
+    return b_.write(top);
+  }
+
+ private:
+  std::uint64_t value(std::uint32_t index) {
+    objects_.push_back(index);
+    return objects_.size() - 1;
+  }
+  bplist::Builder b_;
+  std::vector<std::uint32_t> objects_;
+};
+
+TEST(MediaConversion, ReadingOnlyTheTakenValuesConvertsExactlyAsDecodingWhole) {
+  enum Expect { Reads, Declines };
+  struct Case {
+    const char* name;
+    Expect expect;
+    std::function<std::string()> make;
+  };
+  // A record in the usual shape; `shape` may change it before it is written.
+  auto record = [](const std::function<void(Sketch&, std::uint64_t dict_class, std::vector<std::pair<std::uint64_t, std::uint64_t>>& root)>& shape) {
+    Sketch s;
+    const std::uint64_t dict_class = s.class_record("NSDictionary");
+    const std::uint64_t user = s.dictionary(dict_class, {{s.string("id"), s.string("456")}, {s.string("username"), s.string("ann")}});
+    const std::uint64_t caption =
+        s.dictionary(dict_class, {{s.string("text"), s.string("hello")}, {s.string("created_time"), s.string("1400000000")},
+                                  {s.string("from"), user}});  // the caption's author is the very same record
+    std::vector<std::pair<std::uint64_t, std::uint64_t>> root = {
+        {s.string("id"), s.string("1_2")}, {s.string("link"), s.string("https://l/AbC")}, {s.string("user"), user},
+        {s.string("caption"), caption}, {s.string("user_has_liked"), s.boolean_value(false)}};
+    shape(s, dict_class, root);
+    return s.bytes(s.dictionary(dict_class, root));
+  };
+  auto plain = [](Sketch&, std::uint64_t, std::vector<std::pair<std::uint64_t, std::uint64_t>>&) {};
+  const std::vector<Case> cases = {
+      {"archived by our archiver", Reads, [] { return archive_root(full_record().get()); }},
+      {"shared records", Reads, [&] { return record(plain); }},
+      {"a null slot before the same key", Reads,
+       [&] {
+         return record([](Sketch& s, std::uint64_t, auto& root) {
+           root.insert(root.begin(), {s.string("id"), s.string("$null")});
+           root.insert(root.begin(), {s.string("link"), 0});
+         });
+       }},
+      {"NSNull and a number as values", Reads,
+       [&] {
+         return record([](Sketch& s, std::uint64_t, auto& root) {
+           const std::uint64_t null_class = s.class_record("NSNull");
+           const std::uint64_t null_object = s.slot();
+           s.record(null_object, null_class, {});
+           root.push_back({s.string("videos"), null_object});
+           root.push_back({s.string("likes"), s.integer(7)});  // not a dictionary: no like count
+         });
+       }},
+      {"keys without values and the null object as key", Reads,
+       [&] {
+         return record([](Sketch& s, std::uint64_t dict_class, auto& root) {
+           const std::uint64_t extra = s.slot();
+           s.record(extra, dict_class, {{"NS.keys", {s.string("count"), s.string("x")}}, {"NS.objects", {s.integer(3)}}});
+           root.push_back({s.string("comments"), extra});
+           root.push_back({s.null_object(), s.string("ignored")});
+         });
+       }},
+      {"a cycle through the id", Reads,
+       [&] {
+         return record([](Sketch& s, std::uint64_t, auto& root) {
+           const std::uint64_t array_class = s.class_record("NSMutableArray");
+           const std::uint64_t list = s.slot();
+           root[0].second = list;
+           s.record(list, array_class, {{"NS.objects", {list, s.string("x")}}});
+         });
+       }},
+      {"a string record as key", Declines,
+       [&] {
+         return record([](Sketch& s, std::uint64_t, auto& root) {
+           const std::uint64_t string_class = s.class_record("NSMutableString");
+           const std::uint64_t key = s.slot();
+           s.record(key, string_class, {}, {{"NS.string", s.string("id")}});
+           root.insert(root.begin(), {key, s.string("first")});
+         });
+       }},
+      {"a record of another class", Declines,
+       [&] {
+         return record([](Sketch& s, std::uint64_t, auto& root) {
+           const std::uint64_t other = s.class_record("SomethingElse");
+           const std::uint64_t o = s.slot();
+           s.record(o, other, {}, {{"name", s.string("x")}});
+           root.push_back({s.string("attribution"), o});
+         });
+       }},
+      {"a damaged entry nobody reaches", Declines,
+       [&] {
+         return record([](Sketch& s, std::uint64_t, auto&) {
+           const std::uint64_t o = s.slot();
+           s.record(o, 0, {}, {{"name", s.string("no class")}});
+         });
+       }},
+      {"a root that is not a dictionary", Declines,
+       [] {
+         Sketch s;
+         return s.bytes(s.string("just text"));
+       }},
+      {"the XML form", Declines,
+       [] {
+         return std::string(
+             "<?xml version=\"1.0\" encoding=\"UTF-8\"?><plist version=\"1.0\"><dict>"
+             "<key>$archiver</key><string>NSKeyedArchiver</string><key>$version</key><integer>100000</integer>"
+             "<key>$top</key><dict><key>root</key><dict><key>CF$UID</key><integer>1</integer></dict></dict>"
+             "<key>$objects</key><array><string>$null</string>"
+             "<dict><key>NS.keys</key><array><dict><key>CF$UID</key><integer>3</integer></dict></array>"
+             "<key>NS.objects</key><array><dict><key>CF$UID</key><integer>4</integer></dict></array>"
+             "<key>$class</key><dict><key>CF$UID</key><integer>2</integer></dict></dict>"
+             "<dict><key>$classname</key><string>NSDictionary</string></dict><string>id</string><string>9_1</string>"
+             "</array></dict></plist>");
+       }},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    const std::string bytes = c.make();
+    Result<Ref<Dictionary>> decoded = decode_media_record(bytes);
+    const std::string whole = archive_root(convertedDictionary(decoded.ok() ? decoded.value().get() : nullptr).get());
+    std::optional<Ref<Dictionary>> quick = convertedDictionaryByLookup(bytes);
+    EXPECT_EQ(quick.has_value(), c.expect == Reads);
+    if (quick) {
+      EXPECT_TRUE(decoded.ok());
+      EXPECT_TRUE(archive_root(quick->get()) == whole);
+    }
+    // Whichever way it goes, the album builder's entry point converts as decoding whole does.
+    LogCapture log;
+    const std::string_view view = bytes;
+    EXPECT_TRUE(archive_root(convertedDictionaryFromArchive(&view, "x-coredata://t/ImageItem/p1").get()) == whole);
+  }
 }
 
 }  // namespace
