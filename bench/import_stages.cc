@@ -3,16 +3,20 @@
 //
 //   preferences + sidebar   the install check (reads the preferences), every account's sidebar model and
 //                           the shared albums model (with the log line of their identifiers)
-//   store reads             attaching the store, the account, album and favourite fetches, and reading
-//                           every album's media rows (the stored keyed archives, copied out)
-//   media conversion        decoding each stored media record and converting it to the newer form, and
-//                           handing the converted records to their album nodes (media-decode: the
-//                           decoding alone, in a pass of its own after the import)
+//   store reads             attaching the store and the account, album and favourite fetches
 //   export                  the folder tree exports of every account and of the shared albums model,
-//                           with blocked users, account records and statistics nodes (media left out:
-//                           they are the stage above)
-//   archive writing         archive_root of the results: the reply's bytes
+//                           with blocked users, account records and statistics nodes; album nodes get
+//                           their media lists, which are read only when archived
+//   archive writing         archive_root of the results: the reply's bytes. Album media are read from the
+//                           store, decoded and converted on a worker meanwhile, so this stage's CPU time
+//                           is both threads'; archive-writing-main is the archiving thread's alone
 //   teardown                releasing the request's objects (the request's heap ends)
+//
+// After the import, passes of their own over every album's media, on one thread:
+//   media-rows              reading the stored records out of the store
+//   media-conversion        the same plus converting each record (what the worker does)
+//   media-decode            decoding each stored record whole (what converting would cost without
+//                           reading only the values it takes)
 //
 // The reply is the one the import run makes (the script compares its bytes with orvia4-import's).
 //
@@ -52,6 +56,12 @@ namespace {
 double cpu_now() {
   timespec ts{};
   clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &ts);
+  return static_cast<double>(ts.tv_sec) + static_cast<double>(ts.tv_nsec) * 1e-9;
+}
+
+double thread_cpu_now() {
+  timespec ts{};
+  clock_gettime(CLOCK_THREAD_CPUTIME_ID, &ts);
   return static_cast<double>(ts.tv_sec) + static_cast<double>(ts.tv_nsec) * 1e-9;
 }
 
@@ -96,44 +106,21 @@ class Stages {
 
 constexpr const char* kPrefs = "preferences+sidebar";
 constexpr const char* kStore = "store-reads";
-constexpr const char* kMedia = "media-conversion";
-// Decoding alone, measured in a pass of its own after the import (so that the import's own figures
-// keep its pattern of allocation): the part of kMedia that decoding the stored records takes.
-constexpr const char* kMediaDecode = "media-decode";
 constexpr const char* kExport = "export";
 constexpr const char* kArchive = "archive-writing";
+constexpr const char* kArchiveMain = "archive-writing-main";  // the archiving thread's CPU alone
+// Passes of their own after the import (see the file comment).
+constexpr const char* kMediaRows = "media-rows";
+constexpr const char* kMedia = "media-conversion";
+constexpr const char* kMediaDecode = "media-decode";
 constexpr const char* kTeardown = "teardown";
-
-// One stored media record as read from the store.
-struct MediaRow {
-  std::string bytes;
-  bool has_dictionary = false;
-  std::int64_t entity = 0, primary_key = 0;
-};
-
-struct AlbumRows {
-  std::size_t begin = 0, end = 0;
-  bool handed_out = false;
-};
 
 struct RunOutcome {
   bool ok = false;
   std::string error;
   std::string archive;
   std::size_t accounts = 0, results = 0, albums = 0, media = 0, media_bytes = 0;
-  std::vector<MediaRow> rows;
 };
-
-// The record's newer form through the same call the album builder makes for a row of the store.
-Ref<Dictionary> convert(const MediaRow& row, const CoreDataStore& store) {
-  ImageItemRow r;
-  r.store = &store;
-  r.entity = row.entity;
-  r.primary_key = row.primary_key;
-  r.has_dictionary = row.has_dictionary;
-  r.dictionary = row.bytes;
-  return r.convertedDictionary();
-}
 
 // The import run's continuation, stage by stage (see the file comment).
 void continue_import(Stages& stages, const Ref<MQUserDefaultsWrapper>& defaults, const Ref<MQCoreDataWrapper>& store,
@@ -172,54 +159,23 @@ void continue_import(Stages& stages, const Ref<MQUserDefaultsWrapper>& defaults,
       album_model = OutlineFolderModel::initWithExistingUser(str(kAlbumPseudoUser), false, defaults);
     }
 
-    // Fetches, then every album's stored media records.
+    // Fetches.
     auto lookups = std::make_shared<ImportLookups>();
-    std::vector<MediaRow> rows;
-    std::unordered_map<std::string, AlbumRows> album_rows;  // by the album node's identifier
     {
       Stages::Interval t(stages, kStore);
       for (const auto& [account, model] : models) lookups->friends(*store, account.get());
       const auto& albums = lookups->albums(*store);
-      if (albums) {
-        out.albums = albums->size();
-        for (const Ref<ImageList>& album : *albums) {
-          AlbumRows range;
-          range.begin = rows.size();
-          album->enumerateImages([&](const ImageItemRow& row) {
-            MediaRow& r = rows.emplace_back();
-            r.has_dictionary = row.has_dictionary;
-            r.bytes.assign(row.dictionary.data(), row.dictionary.size());
-            r.entity = row.entity;
-            r.primary_key = row.primary_key;
-            out.media_bytes += row.dictionary.size();
-            return true;
-          });
-          range.end = rows.size();
-          album_rows.emplace("ff-" + album->objectURI(), range);
-        }
-      }
-    }
-    out.media = rows.size();
-
-    // Decoding and converting every record, one after the other as the import does.
-    const StoreContext context = store->managedObjectContext();
-    const CoreDataStore& raw_store = *context;
-    std::vector<Ref<Dictionary>> converted;
-    {
-      Stages::Interval t(stages, kMedia);
-      converted.reserve(rows.size());
-      for (const MediaRow& row : rows) converted.push_back(convert(row, raw_store));
+      if (albums) out.albums = albums->size();
     }
 
-    // The exports, as the run makes them, with the media left for the album nodes to receive below.
+    // The exports, as the run makes them.
     auto results = mutable_array();
-    Ref<Object> albums_tree;
     {
       Stages::Interval t(stages, kExport);
       Ref<MQOrvia4Importer> importer = MQOrvia4Importer::initWithHome(defaults->homeFolder());
       for (const auto& [account, model] : models) {
         Ref<MQImporterContext> context = MQImporterContext::contextWithDefaults(defaults, account, store, lookups);
-        context->convertMedia = false;
+        context->convertMedia = false;  // the shared album tree replaces this account's own
         Ref<MQImporterNodeResult> result = folderTreeWithContext(*model, *context);
         result->blacklist = importer->blackListsWithContext(*context);
         result->account = importer->accountWithAccount(*account, *context);
@@ -227,53 +183,58 @@ void continue_import(Stages& stages, const Ref<MQUserDefaultsWrapper>& defaults,
         results->push_back(result);
       }
       Ref<MQImporterContext> album_context = MQImporterContext::contextWithDefaults(defaults, nullptr, store, lookups);
-      album_context->convertMedia = false;
-      albums_tree = folderTreeWithContext(*album_model, *album_context)->albums;
+      Ref<Object> albums_tree = folderTreeWithContext(*album_model, *album_context)->albums;
       for (const Ref<Object>& r : results->items()) static_cast<MQImporterNodeResult*>(r.get())->albums = albums_tree;
     }
     out.results = results->size();
 
-    // Every album node of the shared tree receives its album's converted media, in the store's order;
-    // an album filed twice gets records of its own the second time, as the builders make them anew.
     {
-      Stages::Interval t(stages, kMedia);
-      std::vector<Object*> stack;
-      if (albums_tree) stack.push_back(albums_tree.get());
-      while (!stack.empty()) {
-        Object* node = stack.back();
-        stack.pop_back();
-        if (auto* folder = dynamic_cast<MQImporterNodeFolder*>(node)) {
-          if (const Array* children = as_array(folder->children.get())) {
-            for (auto it = children->items().rbegin(); it != children->items().rend(); ++it) stack.push_back(it->get());
-          }
-        } else if (auto* album = dynamic_cast<MQImporterNodeAlbum*>(node)) {
-          auto items = mutable_array();
-          const String* id = as_string(album->identifier.get());
-          auto found = id ? album_rows.find(id->str()) : album_rows.end();
-          if (found != album_rows.end()) {
-            AlbumRows& range = found->second;
-            items->mutable_items().reserve(range.end - range.begin);
-            for (std::size_t i = range.begin; i < range.end; ++i) {
-              items->push_back(range.handed_out ? Ref<Object>(convert(rows[i], raw_store)) : Ref<Object>(converted[i]));
-            }
-            range.handed_out = true;
-          }
-          album->items = items;
-        }
-      }
-      converted.clear();
-      converted.shrink_to_fit();
-    }
-    out.rows = std::move(rows);  // kept for the decoding figure, measured after the import
-
-    {
+      const double main_cpu = thread_cpu_now();
       Stages::Interval t(stages, kArchive);
       out.archive = archive_root(make<Array>(results->items(), false).get());
+      stages.get(kArchiveMain).cpu += thread_cpu_now() - main_cpu;
     }
     out.ok = true;
     teardown.emplace(stages, kTeardown);
   }
   heap.reset();
+}
+
+// Every album's media on this thread: reading alone, reading and converting, and decoding whole.
+void media_passes(Stages& stages, const Ref<MQCoreDataWrapper>& store, RunOutcome& out) {
+  Heap heap;
+  HeapScope scope(heap);
+  ImportLookups lookups;
+  const auto& albums = lookups.albums(*store);
+  if (!albums) return;
+  {
+    Stages::Interval t(stages, kMediaRows);
+    for (const Ref<ImageList>& album : *albums) {
+      album->enumerateImages([&](const ImageItemRow& row) {
+        ++out.media;
+        out.media_bytes += row.dictionary.size();
+        return true;
+      });
+    }
+  }
+  {
+    Stages::Interval t(stages, kMedia);
+    for (const Ref<ImageList>& album : *albums) {
+      album->enumerateImages([&](const ImageItemRow& row) {
+        (void)row.convertedDictionary();
+        return true;
+      });
+    }
+  }
+  {
+    Stages::Interval t(stages, kMediaDecode);
+    for (const Ref<ImageList>& album : *albums) {
+      album->enumerateImages([&](const ImageItemRow& row) {
+        if (row.has_dictionary) (void)decode_media_record(row.dictionary);
+        return true;
+      });
+    }
+  }
 }
 
 int run(const std::string& home, const std::string& archive_out) {
@@ -313,6 +274,7 @@ int run(const std::string& home, const std::string& archive_out) {
       });
   while (!done) MainQueue::shared().drain(std::chrono::milliseconds(5));
   const double total_wall = wall_now() - start_wall, total_cpu = cpu_now() - start_cpu;
+  stages.get(kArchiveMain).wall = stages.get(kArchive).wall;
 
   if (!out.ok) {
     std::fprintf(stderr, "import_stages: %s\n", out.error.c_str());
@@ -326,14 +288,7 @@ int run(const std::string& home, const std::string& archive_out) {
       return 1;
     }
   }
-  {
-    Heap heap;  // as the import's objects, these belong to a heap
-    HeapScope scope(heap);
-    Stages::Interval t(stages, kMediaDecode);
-    for (const MediaRow& row : out.rows) {
-      if (row.has_dictionary) (void)decode_media_record(row.bytes);
-    }
-  }
+  media_passes(stages, store, out);
   for (const auto& [name, t] : stages.all()) std::printf("stage %s %.6f %.6f\n", name.c_str(), t.wall, t.cpu);
   std::printf("stage total %.6f %.6f\n", total_wall, total_cpu);
   std::printf("info accounts %zu\ninfo results %zu\ninfo albums %zu\ninfo media %zu\ninfo media_bytes %zu\n",

@@ -51,6 +51,13 @@ class MediaPrefetch {
     changed_.notify_all();
     return batch;
   }
+  // Records written and no longer needed: freed by the worker, where they were made (memory goes back
+  // to the allocator it came from without the two threads contending for it).
+  void recycle(Batch&& spent) {
+    std::lock_guard lock(mutex_);
+    spent_.push_back(std::move(spent));
+    changed_.notify_all();
+  }
 
  private:
   static constexpr std::size_t kBatch = 16;
@@ -58,13 +65,18 @@ class MediaPrefetch {
 
   void run(const ImageList& album) {
     Batch batch;
+    std::deque<Batch> spent;
     auto hand_over = [&] {
-      std::unique_lock lock(mutex_);
-      changed_.wait(lock, [&] { return ready_.size() < kBatchesAhead || stop_; });
-      if (stop_) return false;
-      ready_.push_back(std::move(batch));
-      batch.clear();
-      changed_.notify_all();
+      {
+        std::unique_lock lock(mutex_);
+        changed_.wait(lock, [&] { return ready_.size() < kBatchesAhead || stop_; });
+        if (stop_) return false;
+        ready_.push_back(std::move(batch));
+        batch = Batch();
+        spent.swap(spent_);
+        changed_.notify_all();
+      }
+      spent.clear();  // outside the lock
       return true;
     };
     try {
@@ -91,7 +103,7 @@ class MediaPrefetch {
 
   std::mutex mutex_;
   std::condition_variable changed_;
-  std::deque<Batch> ready_;
+  std::deque<Batch> ready_, spent_;
   bool done_ = false, stop_ = false;
   std::thread worker_;  // last: starts once the members above exist
 };
@@ -119,10 +131,12 @@ void AlbumMediaList::encode_with_coder(KeyedEncoder& coder) const {
       for (Converted& c : *batch) {
         sink(c.media);
         // Still held (the archiver writes deep parts of it at the end): it lives on with the request.
-        if (c.media->ref_count() > 1) heap->adopt(*c.heap);
-        c.media = nullptr;
-        c.heap.reset();
+        if (c.media->ref_count() > 1) {
+          heap->adopt(*c.heap);
+          c.media = nullptr;
+        }
       }
+      prefetch.recycle(std::move(*batch));
     }
   });
 }

@@ -201,6 +201,25 @@ std::uint64_t View::offset(std::uint64_t index) const {
   return be(p, offset_size_);
 }
 
+std::optional<std::uint64_t> View::uid_at(std::uint64_t index) const {
+  if (index >= num_objects_) return std::nullopt;
+  const std::uint64_t o = offset(index);
+  const auto* b = reinterpret_cast<const unsigned char*>(bytes_.data());
+  const unsigned marker = b[o];
+  const unsigned n = (marker & 0xf) + 1;
+  if ((marker >> 4) != 0x8 || n > 8 || n > object_end_ - o - 1) return std::nullopt;
+  return be(b + o + 1, n);
+}
+
+std::optional<std::string_view> View::ascii_at(std::uint64_t index) const {
+  if (index >= num_objects_) return std::nullopt;
+  const std::uint64_t o = offset(index);
+  const unsigned marker = static_cast<unsigned char>(bytes_[o]);
+  const unsigned count = marker & 0xf;
+  if ((marker >> 4) != 0x5 || count == 0xf || count > object_end_ - o - 1) return std::nullopt;
+  return bytes_.substr(o + 1, count);
+}
+
 Result<Item> View::item(std::uint64_t index) const {
   if (index >= num_objects_) return Error{fmt::format("bplist: reference {} beyond the object count", index)};
   std::uint64_t o = offset(index);

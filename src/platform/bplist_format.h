@@ -17,6 +17,7 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <unordered_map>
@@ -47,6 +48,10 @@ class View {
 
   // Parses the object's marker and checks that its payload lies inside the object area.
   Result<Item> item(std::uint64_t index) const;
+  // Quick readings of the commonest objects (checked against the buffer); nothing for any other object,
+  // which item() then reads.
+  std::optional<std::uint64_t> uid_at(std::uint64_t index) const;        // a UID's value
+  std::optional<std::string_view> ascii_at(std::uint64_t index) const;   // an ASCII-marked string's bytes
   // The i-th reference of a container's payload (dict: keys are 0..count-1, values count..2count-1).
   // Checked: a reference beyond the object count is an error.
   Result<std::uint64_t> ref(const Item& container, std::uint64_t i) const;

@@ -243,7 +243,8 @@ class Archiver final : public KeyedEncoder {
 
  private:
   struct Frame {
-    std::vector<std::uint32_t> keys, values, scratch;
+    std::vector<std::uint32_t> keys, values;
+    std::vector<std::uint32_t> refs, more_refs;  // a container's element references, reused
   };
 
   Frame& frame() {
@@ -310,8 +311,8 @@ class Archiver final : public KeyedEncoder {
 
   // Writes the UIDs of a list of objects as one bplist array.
   std::uint32_t uid_array(const std::vector<Ref<Object>>& items) {
-    std::vector<std::uint32_t> refs;
-    refs.reserve(items.size());
+    std::vector<std::uint32_t>& refs = frame().refs;  // frames stay put; deeper objects use deeper ones
+    refs.clear();
     for (const auto& item : items) refs.push_back(b_.add_uid(uid_of(item.get())));
     std::uint32_t a = b_.reserve();
     b_.set_array(a, refs.data(), refs.size());
@@ -336,9 +337,11 @@ class Archiver final : public KeyedEncoder {
       case ObjectKind::Dictionary: {
         // All keys first, then all values, as Apple's archiver orders them.
         const auto& entries = static_cast<const Dictionary*>(o)->entries();
-        std::vector<std::uint32_t> krefs, vrefs;
-        krefs.reserve(entries.size());
-        vrefs.reserve(entries.size());
+        Frame& scratch = frame();  // frames stay put; deeper objects use deeper ones
+        std::vector<std::uint32_t>& krefs = scratch.refs;
+        std::vector<std::uint32_t>& vrefs = scratch.more_refs;
+        krefs.clear();
+        vrefs.clear();
         for (const auto& e : entries) krefs.push_back(b_.add_uid(uid_of(e.first.get())));
         for (const auto& e : entries) vrefs.push_back(b_.add_uid(uid_of(e.second.get())));
         std::uint32_t ka = b_.reserve();
@@ -504,10 +507,8 @@ class KeyedUnarchiverImpl final : public KeyedDecoder {
     std::vector<std::uint8_t>& kinds = scratch_->kinds;
     kinds.assign(count, kValue);
     std::vector<std::uint64_t>& targets = scratch_->targets;   // must be nil, a value or an object record
-    std::vector<std::uint64_t>& classes = scratch_->class_refs;  // must be class records of allowed classes
     std::vector<LookupRecord>& records = scratch_->records;
     targets.clear();
-    classes.clear();
     records.assign(count, LookupRecord{});
     Frame& f = frame_at(1);
     auto note_target = [&](const Item& it) {
@@ -517,14 +518,20 @@ class KeyedUnarchiverImpl final : public KeyedDecoder {
     std::vector<std::string_view>& texts = scratch_->texts;      // plain strings' bytes, by UID
     elements.clear();
     texts.assign(count, std::string_view());
+    const std::uint64_t object_count = v_.size();
     auto note_list = [&](const Item* list, std::uint32_t& first) {
       if (!list) return true;
       if (list->type != Type::Array) return false;
       first = static_cast<std::uint32_t>(elements.size());
       for (std::uint64_t i = 0; i < list->count; ++i) {
-        auto r = v_.ref(*list, i);
-        if (!r) return false;
-        auto e = v_.item(r.value());
+        const std::uint64_t r = v_.ref_unchecked(*list, i);
+        if (r >= object_count) return false;
+        if (std::optional<std::uint64_t> uid = v_.uid_at(r)) {
+          targets.push_back(*uid);
+          elements.push_back(*uid);
+          continue;
+        }
+        auto e = v_.item(r);
         if (!e) return false;
         note_target(e.value());
         elements.push_back(e->type == Type::Uid ? e->scalar : kInline);
@@ -532,9 +539,17 @@ class KeyedUnarchiverImpl final : public KeyedDecoder {
       return true;
     };
     for (std::uint64_t uid = 1; uid < count; ++uid) {
-      auto ref = v_.ref(objects_, uid);
-      if (!ref) return false;
-      auto it = v_.item(ref.value());
+      const std::uint64_t ref = v_.ref_unchecked(objects_, uid);
+      if (ref >= object_count) return false;
+      if (std::optional<std::string_view> text = v_.ascii_at(ref)) {  // most entries: short strings
+        if (*text == "$null") {
+          kinds[uid] = kNil;
+        } else if (plain_ascii(*text)) {
+          texts[uid] = *text;
+        }
+        continue;
+      }
+      auto it = v_.item(ref);
       if (!it) return false;
       switch (it->type) {
         case Type::Array:
@@ -558,11 +573,21 @@ class KeyedUnarchiverImpl final : public KeyedDecoder {
           continue;  // other values
       }
       if (!load_fields(it.value(), f)) return false;
-      const Item* cls = nullptr;
+      const Item *cls = nullptr, *keys = nullptr, *objects = nullptr;
       bool is_class = false;
       for (const Field& field : f.fields) {
-        if (field.key == "$classname") is_class = true;
-        if (field.key == "$class" && !cls) cls = &field.value;
+        const std::string_view key = field.key;
+        if (key.empty()) continue;
+        if (key[0] == '$') {
+          if (key == "$classname") is_class = true;
+          if (key == "$class" && !cls) cls = &field.value;
+        } else if (key == "NS.keys") {
+          if (!keys) keys = &field.value;
+        } else if (key == "NS.objects") {
+          if (!objects) objects = &field.value;
+        } else if (key == "NS.string" || key == "NS.bytes" || key == "NS.data" || key == "NS.time") {
+          note_target(field.value);  // each read by the Foundation class that has it
+        }
       }
       if (is_class) {
         kinds[uid] = kClass;
@@ -570,34 +595,31 @@ class KeyedUnarchiverImpl final : public KeyedDecoder {
       }
       if (!cls || cls->type != Type::Uid) return false;
       kinds[uid] = kRecord;
-      classes.push_back(cls->scalar);
       LookupRecord& rec = records[uid];
       rec.cls = cls->scalar;
-      const Item* keys = find_in(f, "NS.keys");
-      const Item* objects = find_in(f, "NS.objects");
       rec.has_keys = keys != nullptr;
       rec.has_objects = objects != nullptr;
-      // The keys each Foundation class reads; the class itself is checked below.
       if (!note_list(keys, rec.first_key) || !note_list(objects, rec.first_object)) return false;
       rec.key_count = keys ? keys->count : 0;
       rec.object_count = objects ? objects->count : 0;
-      for (std::string_view key : {"NS.string", "NS.bytes", "NS.data", "NS.time"})
-        if (const Item* v = find_in(f, key)) note_target(*v);
     }
     for (std::uint64_t t : targets)
       if (t >= count || kinds[t] == kClass) return false;
-    // Every key of a dictionary must be told apart by its text here: a key that is not a plain string
-    // (a string record, text in UTF-16 or Latin-1) leaves the archive to unarchiving.
-    for (std::uint64_t c : classes) {
-      if (c >= count || kinds[c] != kClass) return false;
-      const ClassInfo& info = class_info(c);
-      if (!info.ok || info.builtin == Builtin::None) return false;
-    }
-    // Arrays and sets written in the "NS.object.N" form are read by other rules: not here.
+    // Each record's class: a class record of a Foundation class (read once per class record).
+    std::vector<std::uint8_t>& builtins = scratch_->class_builtins;
+    builtins.assign(count, kUnknownClass);
     for (std::uint64_t uid = 1; uid < count; ++uid) {
       if (kinds[uid] != kRecord) continue;
       LookupRecord& rec = records[uid];
-      rec.builtin = class_info(rec.cls).builtin;
+      const std::uint64_t c = rec.cls;
+      if (c >= count || kinds[c] != kClass) return false;
+      if (builtins[c] == kUnknownClass) {
+        const ClassInfo& info = class_info(c);
+        if (!info.ok || info.builtin == Builtin::None) return false;
+        builtins[c] = static_cast<std::uint8_t>(info.builtin);
+      }
+      rec.builtin = static_cast<Builtin>(builtins[c]);
+      // Arrays and sets written in the "NS.object.N" form are read by other rules: not here.
       const Builtin b = rec.builtin;
       if ((b == Builtin::Array || b == Builtin::MutableArray || b == Builtin::Set || b == Builtin::MutableSet) &&
           !rec.has_objects)
@@ -777,28 +799,37 @@ class KeyedUnarchiverImpl final : public KeyedDecoder {
     if (f.owned) f.owned->clear();
     f.fields.reserve(dict.count);
     for (std::uint64_t i = 0; i < dict.count; ++i) {
-      auto k = v_.ref(dict, i);
-      auto val = v_.ref(dict, dict.count + i);
-      if (!k || !val) {
+      const std::uint64_t k_ref = v_.ref_unchecked(dict, i), v_ref = v_.ref_unchecked(dict, dict.count + i);
+      if (k_ref >= v_.size() || v_ref >= v_.size()) {
         fail("archive: object reference out of range");
         return false;
       }
-      auto ki = v_.item(k.value());
-      auto vi = v_.item(val.value());
-      if (!ki || !vi) {
-        fail(!ki ? ki.error().message : vi.error().message);
-        return false;
-      }
+      const std::optional<std::uint64_t> k = k_ref, val = v_ref;
       std::string_view key;
-      if ((ki->type == Type::AsciiString || ki->type == Type::Utf8String) && plain_ascii(v_.raw(ki.value()))) {
-        key = v_.raw(ki.value());
-      } else if (ki->type == Type::AsciiString || ki->type == Type::Utf8String || ki->type == Type::Utf16String) {
-        // Read as string values are (Latin-1, well-formed UTF-8), so that a key archives back unchanged.
-        if (!f.owned) f.owned = std::make_unique<std::deque<std::string>>();
-        f.owned->push_back(v_.text(ki.value()));
-        key = f.owned->back();
+      if (std::optional<std::string_view> quick = v_.ascii_at(k.value()); quick && plain_ascii(*quick)) {
+        key = *quick;  // the common key, read without the general parse
       } else {
-        fail(fmt::format("archive: object key {} is not a string", k.value()));
+        auto ki = v_.item(k.value());
+        if (!ki) {
+          fail(ki.error().message);
+          return false;
+        }
+        if ((ki->type == Type::AsciiString || ki->type == Type::Utf8String) && plain_ascii(v_.raw(ki.value()))) {
+          key = v_.raw(ki.value());
+        } else if (ki->type == Type::AsciiString || ki->type == Type::Utf8String || ki->type == Type::Utf16String) {
+          // Read as string values are (Latin-1, well-formed UTF-8), so that a key archives back unchanged.
+          if (!f.owned) f.owned = std::make_unique<std::deque<std::string>>();
+          f.owned->push_back(v_.text(ki.value()));
+          key = f.owned->back();
+        } else {
+          auto vi = v_.item(val.value());
+          fail(vi ? fmt::format("archive: object key {} is not a string", k.value()) : vi.error().message);
+          return false;
+        }
+      }
+      auto vi = v_.item(val.value());
+      if (!vi) {
+        fail(vi.error().message);
         return false;
       }
       if (key.size() >= 2 && key[0] == '$' && key[1] == '$') key.remove_prefix(1);
@@ -825,8 +856,9 @@ class KeyedUnarchiverImpl final : public KeyedDecoder {
       fail(fmt::format("archive: class record {} is not a dictionary", uid));
       return info;
     }
+    // The name first: a Foundation class needs nothing more (its "$classes" are not read).
     std::string name;
-    std::vector<std::string> supers;
+    std::uint64_t classes_ref = UINT64_MAX;
     for (std::uint64_t i = 0; i < ci->count; ++i) {
       auto k = v_.ref(ci.value(), i);
       auto val = v_.ref(ci.value(), ci->count + i);
@@ -838,13 +870,18 @@ class KeyedUnarchiverImpl final : public KeyedDecoder {
           (vi->type == Type::AsciiString || vi->type == Type::Utf16String || vi->type == Type::Utf8String)) {
         name = v_.text(vi.value());
       } else if (v_.text_equals(ki.value(), "$classes") && vi->type == Type::Array) {
-        for (std::uint64_t j = 0; j < vi->count; ++j) {
-          auto e = v_.ref(vi.value(), j);
-          if (!e) break;
-          auto ei = v_.item(e.value());
-          if (ei && (ei->type == Type::AsciiString || ei->type == Type::Utf16String || ei->type == Type::Utf8String))
-            supers.push_back(v_.text(ei.value()));
-        }
+        classes_ref = val.value();
+      }
+    }
+    std::vector<std::string> supers;
+    if (!name.empty() && builtin_for(name) == Builtin::None && classes_ref != UINT64_MAX) {
+      auto vi = v_.item(classes_ref);
+      for (std::uint64_t j = 0; vi && j < vi->count; ++j) {
+        auto e = v_.ref(vi.value(), j);
+        if (!e) break;
+        auto ei = v_.item(e.value());
+        if (ei && (ei->type == Type::AsciiString || ei->type == Type::Utf16String || ei->type == Type::Utf8String))
+          supers.push_back(v_.text(ei.value()));
       }
     }
     if (name.empty()) {
@@ -968,12 +1005,17 @@ class KeyedUnarchiverImpl final : public KeyedDecoder {
         fail(r.error().message);
         return;
       }
-      auto ei = v_.item(r.value());
-      if (!ei) {
-        fail(ei.error().message);
-        return;
+      Ref<Object> o;
+      if (std::optional<std::uint64_t> uid = v_.uid_at(r.value())) {
+        o = decode_uid(*uid, depth_);  // the usual element, read without the general parse
+      } else {
+        auto ei = v_.item(r.value());
+        if (!ei) {
+          fail(ei.error().message);
+          return;
+        }
+        o = value_object(ei.value());
       }
-      Ref<Object> o = value_object(ei.value());
       if (o || keep_nil) out.push_back(std::move(o));
     }
   }
@@ -1103,10 +1145,12 @@ class KeyedUnarchiverImpl final : public KeyedDecoder {
     std::uint64_t key_count = 0, object_count = 0;
   };
   static constexpr std::uint64_t kInline = UINT64_MAX;
+  static constexpr std::uint8_t kUnknownClass = 0xff;
 
   struct Scratch {
     std::vector<std::uint8_t> kinds;
-    std::vector<std::uint64_t> targets, class_refs;
+    std::vector<std::uint64_t> targets;
+    std::vector<std::uint8_t> class_builtins;
     std::vector<LookupRecord> records;
     std::vector<std::uint64_t> elements;
     std::vector<std::string_view> texts;
