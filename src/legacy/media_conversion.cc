@@ -204,15 +204,22 @@ std::optional<Ref<Dictionary>> convertedDictionaryByLookup(std::string_view arch
 }
 
 Ref<Dictionary> convertedDictionaryFromArchive(const std::string_view* archive, std::string_view label) {
+  std::string unreadable;
+  Ref<Dictionary> out = convertedDictionaryFromArchive(archive, &unreadable);
+  if (!unreadable.empty()) NSLog("Unreadable media record %@: %@", label, unreadable);
+  return out;
+}
+
+Ref<Dictionary> convertedDictionaryFromArchive(const std::string_view* archive, std::string* unreadable) {
   if (!archive) {
     // No stored record: the item still becomes a media dictionary, of constants only.
-    NSLog("Unreadable media record %@: %@", label, "no stored dictionary");
+    *unreadable = "no stored dictionary";
     return convertedDictionary(nullptr);
   }
   if (std::optional<Ref<Dictionary>> quick = convertedDictionaryByLookup(*archive)) return std::move(*quick);
   auto decoded = decode_media_record(*archive);
   if (!decoded.ok()) {
-    NSLog("Unreadable media record %@: %@", label, decoded.error().message);
+    *unreadable = decoded.error().message;
     return convertedDictionary(nullptr);
   }
   return convertedDictionary(decoded.value().get());

@@ -4,6 +4,7 @@
 #pragma once
 
 #include <optional>
+#include <string>
 #include <string_view>
 
 #include "platform/object.h"
@@ -28,5 +29,8 @@ std::optional<Ref<Dictionary>> convertedDictionaryByLookup(std::string_view arch
 // Decodes and converts (reading only what it takes where it can); an absent or unreadable archive logs "Unreadable media record %@: %@" with
 // `label` (the item's object URI) and the reason, and converts as an empty record.
 Ref<Dictionary> convertedDictionaryFromArchive(const std::string_view* archive, std::string_view label);
+// The same without logging: the reason an archive was unreadable goes to `unreadable` (left empty when
+// it was read), for callers that log it themselves (in the records' order).
+Ref<Dictionary> convertedDictionaryFromArchive(const std::string_view* archive, std::string* unreadable);
 
 }  // namespace orvia

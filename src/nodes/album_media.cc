@@ -15,22 +15,32 @@
 namespace orvia {
 namespace {
 
-// One converted record with the heap that owns what its conversion made: a damaged stored record may
-// hold cycles, which the heap cuts when it ends.
-struct Converted {
+// One member of the album: its row as read from the store, then its converted form with the heap that
+// owns what the conversion made (a damaged stored record may hold cycles, cut when the heap ends).
+struct Member {
+  std::string bytes;
+  bool has_dictionary = false;
+  std::int64_t entity = 0, primary_key = 0;
+  bool converted = false;
   std::unique_ptr<Heap> heap;
-  Ref<Dictionary> media;  // released before its heap ends
+  Ref<Dictionary> media;    // released before its heap ends
+  std::string unreadable;   // why the stored record could not be read, logged in the members' order
 };
-using Batch = std::vector<Converted>;
 
-// Reads and converts an album's members on a worker thread while the archiver writes the ones before:
-// decoding the stored records is most of an import's work, and it runs beside the writing. The worker
-// stays a bounded number of records ahead. Only the worker touches the store meanwhile; the records
-// are handed over through the queue, after which only the archiving thread uses them.
-class MediaPrefetch {
+// Reads an album's members on a worker thread, and converts them on both threads: the worker reads
+// ahead and converts when enough members wait; the archiving thread converts whenever the next member
+// it needs is not ready yet, instead of waiting. Decoding the stored records is most of an import's
+// work, so it is shared between the cores while the archive is written.
+//
+// Members are converted in the order they were read, by whichever thread claims them; the archiving
+// thread takes them in that order and logs unreadable records then, so the log keeps the store's
+// order. Only the worker touches the store. At most kWindow members are in memory; the worker also
+// frees the spent ones (memory goes back to the allocator it mostly came from).
+class MediaPipeline {
  public:
-  explicit MediaPrefetch(const ImageList& album) : worker_([this, &album] { run(album); }) {}
-  ~MediaPrefetch() {
+  MediaPipeline(const ImageList& album, const CoreDataStore* store)
+      : store_(store), worker_([this, &album] { run(album); }) {}
+  ~MediaPipeline() {
     {
       std::lock_guard lock(mutex_);
       stop_ = true;
@@ -38,73 +48,100 @@ class MediaPrefetch {
     changed_.notify_all();
     worker_.join();
   }
-  MediaPrefetch(const MediaPrefetch&) = delete;
-  MediaPrefetch& operator=(const MediaPrefetch&) = delete;
+  MediaPipeline(const MediaPipeline&) = delete;
+  MediaPipeline& operator=(const MediaPipeline&) = delete;
 
-  // The next records in the relationship's order; nothing once all were handed out.
-  std::optional<Batch> next() {
+  // The next member, converted; null once all were handed out. Valid until the next call.
+  Member* next() {
     std::unique_lock lock(mutex_);
-    changed_.wait(lock, [&] { return !ready_.empty() || done_; });
-    if (ready_.empty()) return std::nullopt;
-    Batch batch = std::move(ready_.front());
-    ready_.pop_front();
-    changed_.notify_all();
-    return batch;
-  }
-  // Records written and no longer needed: freed by the worker, where they were made (memory goes back
-  // to the allocator it came from without the two threads contending for it).
-  void recycle(Batch&& spent) {
-    std::lock_guard lock(mutex_);
-    spent_.push_back(std::move(spent));
-    changed_.notify_all();
+    if (current_) {
+      spent_.push_back(std::move(current_));
+      changed_.notify_all();
+    }
+    for (;;) {
+      if (!window_.empty() && window_.front()->converted) {
+        current_ = std::move(window_.front());
+        window_.pop_front();
+        ++taken_;
+        changed_.notify_all();
+        return current_.get();
+      }
+      if (window_.empty() && reading_done_) return nullptr;
+      if (!convert_one(lock)) changed_.wait(lock);
+    }
   }
 
  private:
-  static constexpr std::size_t kBatch = 16;
-  static constexpr std::size_t kBatchesAhead = 8;
+  static constexpr std::size_t kWindow = 256;
+  static constexpr std::size_t kReadAhead = 8;  // unclaimed members the worker keeps ready to share
+
+  // Claims the oldest unclaimed member and converts it (the lock is let go meanwhile); false if none.
+  bool convert_one(std::unique_lock<std::mutex>& lock) {
+    if (claimed_ >= taken_ + window_.size()) return false;
+    Member* m = window_[claimed_ - taken_].get();  // stays put: only its owner's pop moves it, after conversion
+    ++claimed_;
+    lock.unlock();
+    try {
+      convert(*m);
+    } catch (const std::exception& e) {  // out of memory, say: the member is written as nil
+      m->media = nullptr;
+      m->unreadable = e.what();
+    }
+    lock.lock();
+    m->converted = true;
+    changed_.notify_all();
+    return true;
+  }
+
+  void convert(Member& m) const {
+    ImageItemRow row;
+    row.store = store_;
+    row.entity = m.entity;
+    row.primary_key = m.primary_key;
+    row.has_dictionary = m.has_dictionary;
+    row.dictionary = m.bytes;
+    m.heap = std::make_unique<Heap>();
+    HeapScope scope(*m.heap);
+    m.media = row.convertedDictionary(&m.unreadable);
+  }
 
   void run(const ImageList& album) {
-    Batch batch;
-    std::deque<Batch> spent;
-    auto hand_over = [&] {
-      {
-        std::unique_lock lock(mutex_);
-        changed_.wait(lock, [&] { return ready_.size() < kBatchesAhead || stop_; });
-        if (stop_) return false;
-        ready_.push_back(std::move(batch));
-        batch = Batch();
-        spent.swap(spent_);
-        changed_.notify_all();
-      }
-      spent.clear();  // outside the lock
-      return true;
-    };
+    std::deque<std::unique_ptr<Member>> spent;
     try {
-      bool going = true;
       album.enumerateImages([&](const ImageItemRow& row) {
-        Converted c;
-        c.heap = std::make_unique<Heap>();
-        {
-          HeapScope scope(*c.heap);
-          c.media = row.convertedDictionary();
-        }
-        batch.push_back(std::move(c));
-        if (batch.size() == kBatch) going = hand_over();
-        return going;
+        auto m = std::make_unique<Member>();
+        m->bytes.assign(row.dictionary);
+        m->has_dictionary = row.has_dictionary;
+        m->entity = row.entity;
+        m->primary_key = row.primary_key;
+        std::unique_lock lock(mutex_);
+        changed_.wait(lock, [&] { return window_.size() < kWindow || stop_; });
+        if (stop_) return false;
+        window_.push_back(std::move(m));
+        changed_.notify_all();
+        while (claimed_ + kReadAhead < taken_ + window_.size()) convert_one(lock);
+        spent.swap(spent_);
+        lock.unlock();
+        spent.clear();
+        return true;
       });
-      if (going && !batch.empty()) hand_over();
     } catch (const std::exception& e) {
       NSLog("Reading the media of %@ stopped: %@", album.objectURI(), std::string(e.what()));
     }
-    std::lock_guard lock(mutex_);
-    done_ = true;
+    std::unique_lock lock(mutex_);
+    reading_done_ = true;
     changed_.notify_all();
+    while (!stop_ && convert_one(lock)) {
+    }
   }
 
+  const CoreDataStore* store_;
   std::mutex mutex_;
   std::condition_variable changed_;
-  std::deque<Batch> ready_, spent_;
-  bool done_ = false, stop_ = false;
+  std::deque<std::unique_ptr<Member>> window_, spent_;  // window_: read, not yet taken, in order
+  std::unique_ptr<Member> current_;                     // the member handed out last
+  std::uint64_t taken_ = 0, claimed_ = 0;               // counts since the start, in reading order
+  bool reading_done_ = false, stop_ = false;
   std::thread worker_;  // last: starts once the members above exist
 };
 
@@ -126,17 +163,16 @@ void AlbumMediaList::encode_with_coder(KeyedEncoder& coder) const {
       });
       return;
     }
-    MediaPrefetch prefetch(*album_);
-    while (std::optional<Batch> batch = prefetch.next()) {
-      for (Converted& c : *batch) {
-        sink(c.media);
-        // Still held (the archiver writes deep parts of it at the end): it lives on with the request.
-        if (c.media->ref_count() > 1) {
-          heap->adopt(*c.heap);
-          c.media = nullptr;
-        }
+    MediaPipeline pipeline(*album_, album_->context().get());
+    while (Member* m = pipeline.next()) {
+      if (!m->unreadable.empty())
+        NSLog("Unreadable media record %@: %@", album_->context()->object_uri(m->entity, m->primary_key), m->unreadable);
+      sink(m->media);
+      // Still held (the archiver writes deep parts of it at the end): it lives on with the request.
+      if (m->media && m->media->ref_count() > 1) {
+        heap->adopt(*m->heap);
+        m->media = nullptr;
       }
-      prefetch.recycle(std::move(*batch));
     }
   });
 }

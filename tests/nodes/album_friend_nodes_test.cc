@@ -110,6 +110,44 @@ TEST_F(AlbumFriendNodes, FiledAlbumCarriesTheStoreTitleAndConvertedMedia) {
   EXPECT_TRUE(as_array(copy_through_archive(static_cast<MQImporterNodeAlbum*>(none.get())->items.get()).get())->empty());
 }
 
+TEST_F(AlbumFriendNodes, ALargeAlbumKeepsItsOrderAndLogsUnreadableRecordsInOrder) {
+  // More members than are read ahead at once; two threads share the conversion, the order must hold.
+  Store& s = home.store();
+  const std::int64_t large = s.add_album("Large", 40);
+  std::vector<std::int64_t> keys;
+  for (int i = 0; i < 700; ++i) {
+    std::optional<std::string> bytes;
+    if (i % 7 == 3) {
+      bytes = std::nullopt;  // no stored record
+    } else if (i % 5 == 1) {
+      bytes = "not an archive " + std::to_string(i);
+    } else {
+      bytes = media_archive(*older_media(std::to_string(i) + "_1", "https://ig.example/p/M" + std::to_string(i)));
+    }
+    keys.push_back(s.add_image(large, bytes));
+  }
+  auto ctx = context(account(ann));
+  LogCapture log;
+  auto node = albumNodeFromItem(*entry(kFolderAlbumsIdentifier, "Large", album_id(album_uri(large))), *ctx);
+  ASSERT_NE(node, nullptr);
+  Ref<Object> media = copy_through_archive(static_cast<MQImporterNodeAlbum*>(node.get())->items.get());
+  const Array* items = as_array(media.get());
+  ASSERT_NE(items, nullptr);
+  ASSERT_EQ(items->size(), 700u);
+  std::vector<std::string> expected_lines;
+  for (int i = 0; i < 700; ++i) {
+    const Dictionary* m = as_dict(items->at(static_cast<std::size_t>(i)).get());
+    ASSERT_NE(m, nullptr);
+    const bool readable = !(i % 7 == 3) && !(i % 5 == 1);
+    EXPECT_EQ(text_of(m->get("id")), readable ? std::to_string(i) + "_1" : "") << i;
+    if (!readable) expected_lines.push_back(home.store().uri(Store::kImageItem, keys[static_cast<std::size_t>(i)]));
+  }
+  std::vector<std::string> lines = lines_starting(log, "Unreadable media record ");
+  ASSERT_EQ(lines.size(), expected_lines.size());
+  for (std::size_t i = 0; i < lines.size(); ++i)
+    EXPECT_EQ(lines[i].rfind("Unreadable media record " + expected_lines[i] + ": ", 0), 0u) << lines[i];
+}
+
 TEST_F(AlbumFriendNodes, AlbumEntriesThatMatchNoAlbum) {
   struct Row {
     const char* why;
