@@ -95,11 +95,14 @@ def main():
           f"{v.get('x2.bus.same_reply', '-')}/{v.get('x2.stages.same_reply', '-')}")
 
     t.head("Stages in process (import_stages): wall s [cpu s]", "x1", "x2", "x2/x1")
-    stages = [("preferences + sidebar load", "preferences+sidebar"), ("store reads", "store-reads"),
-              ("media decode and conversion", "media-conversion"),
-              ("  of which decoding (a pass of its own)", "media-decode"), ("export (node building)", "export"),
-              ("archive writing", "archive-writing"), ("teardown (freeing the request)", "teardown"),
-              ("whole import in process", "total")]
+    stages = [("preferences + sidebar load", "preferences+sidebar"), ("store reads (fetches)", "store-reads"),
+              ("export (node building)", "export"),
+              ("archive writing, media converted meanwhile", "archive-writing"),
+              ("  of which the archiving thread's own cpu", "archive-writing-main"),
+              ("teardown (freeing the request)", "teardown"), ("whole import in process", "total"),
+              ("pass alone: media rows read", "media-rows"),
+              ("pass alone: rows read and converted", "media-conversion"),
+              ("pass alone: rows decoded whole", "media-decode")]
     for label, key in stages:
         cells = []
         for size in ("x1", "x2"):
