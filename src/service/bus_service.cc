@@ -94,6 +94,19 @@ class ReplyToken {
     send(success, archive);
   }
 
+  void deliver(UniqueFd sealed) {
+    if (used_.exchange(true)) {
+      log_line("request already answered; a second reply is dropped");
+      return;
+    }
+    if (!sealed) {
+      log_line("a successful reply without an archive; answering NO");
+      send(false, nullptr);
+      return;
+    }
+    mailbox_->post({call_, true, std::move(sealed)});
+  }
+
  private:
   void send(bool success, const std::string* archive) {
     // The memory file is made here, on the replying thread, so a large archive does not hold up the bus.
@@ -133,7 +146,8 @@ struct BusService::Impl {
     outstanding.emplace(call, std::move(result));
     last_activity = Clock::now();
     auto token = std::make_shared<ReplyToken>(mailbox, call);
-    BusReply reply = [token](bool success, const std::string* archive) { token->deliver(success, archive); };
+    BusReply reply([token](bool success, const std::string* archive) { token->deliver(success, archive); },
+                   [token](UniqueFd sealed) { token->deliver(std::move(sealed)); });
     token.reset();
     try {
       handler(reply);

@@ -15,6 +15,8 @@
 #include <memory>
 #include <string>
 
+#include "service/memfd.h"
+
 namespace orvia::service {
 
 struct BusServiceOptions {
@@ -24,9 +26,22 @@ struct BusServiceOptions {
   std::string bus_address;
 };
 
-// (success, archive or null). A success always carries an archive: a success with null is sent as
-// (NO, nil). Any thread; the bytes are copied before it returns.
-using BusReply = std::function<void(bool success, const std::string* archive_or_null)>;
+// A call's reply, from any thread: (success, archive or null), whose bytes are copied before it
+// returns; or a success whose archive is already in a sealed memory file (see memfd.h), sent as it is.
+// A success always carries an archive: a success with null is sent as (NO, nil).
+class BusReply {
+ public:
+  using Bytes = std::function<void(bool success, const std::string* archive_or_null)>;
+  using File = std::function<void(UniqueFd sealed_archive)>;
+  BusReply() = default;
+  BusReply(Bytes bytes, File file) : bytes_(std::move(bytes)), file_(std::move(file)) {}
+  void operator()(bool success, const std::string* archive_or_null) const { bytes_(success, archive_or_null); }
+  void operator()(UniqueFd sealed_archive) const { file_(std::move(sealed_archive)); }
+
+ private:
+  Bytes bytes_;
+  File file_;
+};
 // Called on the bus thread for every call, with that call's reply callback.
 using RequestHandler = std::function<void(BusReply reply)>;
 

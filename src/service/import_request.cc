@@ -20,7 +20,15 @@ void handle_import_request(ImportReply reply) {
       reply(false, std::nullopt);
       return;
     }
-    reply(true, archive_root(results.get()));
+    MemfdSink sink;
+    const bool written = archive_root_to(results.get(), sink);
+    Result<UniqueFd> sealed = sink.seal();  // carries the sink's error when a piece could not be written
+    if (!written || !sealed.ok()) {
+      NSLog("cannot pass the archive: %@", sealed.ok() ? std::string("incomplete") : sealed.error().message);
+      reply(false, std::nullopt);
+      return;
+    }
+    reply(true, std::move(sealed.value()));
   };
   try {
     MQOrvia4Importer::init()->importDataWithCompletion(completion);

@@ -7,11 +7,13 @@
 #include <string>
 
 #include "platform/bplist_format.h"
+#include "service/memfd.h"
 
 namespace orvia::service {
 
-// Called exactly once per request, from any thread: (NO, nil) for a failure, (YES, archive) otherwise.
-using ImportReply = std::function<void(bool success, std::optional<std::string> archive)>;
+// Called exactly once per request, from any thread: (NO, nil) for a failure, otherwise YES with the
+// archive in a sealed memory file, written there piece by piece as it was made.
+using ImportReply = std::function<void(bool success, std::optional<UniqueFd> archive)>;
 
 // Starts the import for one request. Called on the bus thread; the main thread serves the main queue
 // meanwhile, so the run may continue there and reply from there.

@@ -46,8 +46,12 @@ int main(int argc, char** argv) {
   std::atomic<int> status{0};
   std::thread bus([&] {
     status = run_bus_service(options, [](BusReply reply) {
-      handle_import_request([reply](bool success, std::optional<std::string> archive) {
-        reply(success, archive ? &*archive : nullptr);
+      handle_import_request([reply](bool success, std::optional<UniqueFd> archive) {
+        if (success && archive) {
+          reply(std::move(*archive));
+        } else {
+          reply(false, nullptr);
+        }
       });
     });
     orvia::MainQueue::shared().stop();

@@ -41,6 +41,38 @@ Result<UniqueFd> make_sealed_memfd(std::string_view bytes, const char* name) {
   return fd;
 }
 
+MemfdSink::MemfdSink(const char* name) : fd_(::memfd_create(name, MFD_CLOEXEC | MFD_ALLOW_SEALING)) {
+  if (!fd_) error_ = errno_error("memfd_create").message;
+}
+
+void MemfdSink::expect(std::uint64_t total_size) {
+  if (fd_ && error_.empty() && ::ftruncate(fd_.get(), static_cast<off_t>(total_size)) != 0)
+    error_ = errno_error("ftruncate").message;
+}
+
+bool MemfdSink::put(std::string_view piece) {
+  if (!fd_ || !error_.empty()) return false;
+  std::size_t done = 0;
+  while (done < piece.size()) {
+    ssize_t n = ::pwrite(fd_.get(), piece.data() + done, piece.size() - done, static_cast<off_t>(written_ + done));
+    if (n < 0) {
+      if (errno == EINTR) continue;
+      error_ = errno_error("write to memfd").message;
+      return false;
+    }
+    done += static_cast<std::size_t>(n);
+  }
+  written_ += piece.size();
+  return true;
+}
+
+Result<UniqueFd> MemfdSink::seal() {
+  if (!error_.empty()) return Error{error_};
+  if (!fd_) return Error{"no memory file"};
+  if (::fcntl(fd_.get(), F_ADD_SEALS, reply_seals()) != 0) return errno_error("seal memfd");
+  return std::move(fd_);
+}
+
 Result<std::string> read_whole_fd(int fd, std::size_t max_size) {
   struct stat st {};
   if (::fstat(fd, &st) != 0) return errno_error("fstat");

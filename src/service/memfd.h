@@ -4,10 +4,12 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <string>
 #include <string_view>
 #include <utility>
 
+#include "platform/bplist_format.h"
 #include "platform/result.h"
 
 namespace orvia::service {
@@ -40,6 +42,22 @@ int reply_seals();
 
 // A new close-on-exec memory file holding exactly `bytes`, sealed against any change.
 Result<UniqueFd> make_sealed_memfd(std::string_view bytes, const char* name = "orvia-archive");
+
+// Takes a file's bytes piece by piece into a new memory file (sized first, so a short memory fails at
+// once), to be sealed and handed on: a large archive is never held in memory beside it.
+class MemfdSink final : public bplist::Builder::Sink {
+ public:
+  explicit MemfdSink(const char* name = "orvia-archive");
+  void expect(std::uint64_t total_size) override;
+  bool put(std::string_view piece) override;
+  // The sealed file, or why it could not be made.
+  Result<UniqueFd> seal();
+
+ private:
+  UniqueFd fd_;
+  std::uint64_t written_ = 0;
+  std::string error_;
+};
 
 // The whole contents of a file descriptor: a regular or memory file is read by its size with
 // positioned reads (the file position is untouched); anything else is read to its end. Fails for

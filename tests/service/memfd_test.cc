@@ -52,6 +52,23 @@ TEST(SealedMemfd, HoldsExactlyTheBytesAndRefusesEveryChange) {
   }
 }
 
+TEST(SealedMemfd, FilledPieceByPieceHoldsTheSameBytesAndSeals) {
+  const std::string bytes = pattern((3 << 20) + 17);
+  MemfdSink sink;
+  sink.expect(bytes.size());
+  for (std::size_t at = 0; at < bytes.size(); at += 1000003)
+    ASSERT_TRUE(sink.put(std::string_view(bytes).substr(at, 1000003)));
+  auto fd = sink.seal();
+  ASSERT_TRUE(fd.ok()) << fd.error().message;
+  EXPECT_EQ(::fcntl(fd.value().get(), F_GET_SEALS), reply_seals());
+  auto back = read_whole_fd(fd.value().get(), std::size_t{1} << 30);
+  ASSERT_TRUE(back.ok());
+  EXPECT_TRUE(back.value() == bytes);
+  // Sealed once: the sink has nothing left to give.
+  EXPECT_FALSE(sink.seal().ok());
+  EXPECT_FALSE(sink.put("more"));
+}
+
 TEST(ReadWholeFd, ReadsPipesToTheEndAndRefusesOversizedContents) {
   int p[2];
   ASSERT_EQ(::pipe(p), 0);
