@@ -1,5 +1,7 @@
 #include "client/import_client.h"
 
+#include <sys/stat.h>
+
 #include <sdbus-c++/sdbus-c++.h>
 
 #include <string_view>
@@ -79,6 +81,22 @@ CallOutcome find_importable_results(const CallOptions& options) {
   if (fd.get() < 0) {
     out.status = CallStatus::BadReply;
     out.error = "the reply carries no file descriptor";
+    return out;
+  }
+  if (options.keep_file) {
+    struct stat st {};
+    if (::fstat(fd.get(), &st) != 0 || !S_ISREG(st.st_mode) || static_cast<std::uint64_t>(st.st_size) > options.max_archive_size) {
+      out.status = CallStatus::BadReply;
+      out.error = "the reply's archive is not a memory file of an acceptable size";
+      return out;
+    }
+    out.status = CallStatus::Replied;
+    out.success = success;
+    if (st.st_size > 0) out.archive_file = service::UniqueFd(fd.release());  // an empty file stands for nil
+    if (success && !out.archive_file) {
+      out.status = CallStatus::BadReply;
+      out.error = "a successful reply without an archive";
+    }
     return out;
   }
   auto bytes = service::read_whole_fd(fd.get(), options.max_archive_size);

@@ -6,6 +6,8 @@
 #include <optional>
 #include <string>
 
+#include "service/memfd.h"
+
 namespace orvia::client {
 
 struct CallOptions {
@@ -15,6 +17,9 @@ struct CallOptions {
   std::string bus_address;
   // Replies whose archive is larger than this are refused.
   std::size_t max_archive_size = std::size_t{1} << 32;
+  // Keep the reply's memory file instead of reading it (CallOutcome::archive_file): for callers that
+  // only pass the archive on (to a file, say) and need not hold it in memory.
+  bool keep_file = false;
 };
 
 enum class CallStatus {
@@ -29,6 +34,7 @@ struct CallOutcome {
   CallStatus status = CallStatus::NoReply;
   bool success = false;                // the service's flag (Replied only)
   std::optional<std::string> archive;  // the archive bytes, present exactly when success is YES
+  service::UniqueFd archive_file;      // with keep_file instead: the memory file holding them
   std::string error;                   // what went wrong, for everything but Replied
 };
 

@@ -142,9 +142,18 @@ int main(int argc, char** argv) {
   } else {
     orvia::client::CallOptions options;
     options.timeout = std::chrono::milliseconds(std::llround(timeout_seconds * 1000));
+    // Nothing to print: the reply's memory file is copied to its file without being read in here.
+    const bool pass_on = format == "none" && !archive_out.empty();
+    options.keep_file = pass_on;
     orvia::client::CallOutcome outcome = orvia::client::find_importable_results(options);
     if (outcome.status != orvia::client::CallStatus::Replied) {
       return fail(kExitNoReply, std::string(orvia::client::describe(outcome.status)) + " (" + outcome.error + ")");
+    }
+    if (pass_on) {
+      if (!outcome.success) return fail(kExitAnsweredNo, std::string("the importer answered NO: ") + kNoReason);
+      auto copied = orvia::service::copy_whole_fd_to_file(outcome.archive_file.get(), archive_out);
+      if (!copied.ok()) return fail(kExitBadArchive, "cannot write " + archive_out + ": " + copied.error().message);
+      return kExitSuccess;
     }
     success = outcome.success;
     archive = std::move(outcome.archive);

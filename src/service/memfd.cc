@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <sys/mman.h>
+#include <sys/sendfile.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -71,6 +72,40 @@ Result<UniqueFd> MemfdSink::seal() {
   if (!fd_) return Error{"no memory file"};
   if (::fcntl(fd_.get(), F_ADD_SEALS, reply_seals()) != 0) return errno_error("seal memfd");
   return std::move(fd_);
+}
+
+Result<bool> copy_whole_fd_to_file(int fd, const std::string& path) {
+  struct stat st {};
+  if (::fstat(fd, &st) != 0) return errno_error("fstat");
+  UniqueFd out(::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
+  if (!out) return errno_error("open");
+  off_t offset = 0;
+  const off_t size = st.st_size;
+  while (offset < size) {
+    ssize_t n = ::sendfile(out.get(), fd, &offset, static_cast<std::size_t>(size - offset));
+    if (n < 0 && errno == EINTR) continue;
+    if (n < 0 && (errno == EINVAL || errno == ENOSYS) && offset == 0) {
+      // No in-kernel copy between these files: through a buffer.
+      char buf[1 << 16];
+      while (offset < size) {
+        ssize_t r = ::pread(fd, buf, sizeof buf, offset);
+        if (r < 0 && errno == EINTR) continue;
+        if (r <= 0) return r < 0 ? errno_error("read archive") : Error{"archive ended early"};
+        for (ssize_t w = 0; w < r;) {
+          ssize_t m = ::write(out.get(), buf + w, static_cast<std::size_t>(r - w));
+          if (m < 0 && errno == EINTR) continue;
+          if (m <= 0) return errno_error("write");
+          w += m;
+        }
+        offset += r;
+      }
+      break;
+    }
+    if (n < 0) return errno_error("sendfile");
+    if (n == 0) return Error{"archive ended early"};
+  }
+  if (::close(out.release()) != 0) return errno_error("close");
+  return true;
 }
 
 Result<std::string> read_whole_fd(int fd, std::size_t max_size) {

@@ -59,6 +59,10 @@ class MemfdSink final : public bplist::Builder::Sink {
   std::string error_;
 };
 
+// Copies the whole contents of a regular or memory file into the file at `path` (made or emptied) inside
+// the kernel where it can; the source's file position is untouched.
+Result<bool> copy_whole_fd_to_file(int fd, const std::string& path);
+
 // The whole contents of a file descriptor: a regular or memory file is read by its size with
 // positioned reads (the file position is untouched); anything else is read to its end. Fails for
 // contents larger than max_size.

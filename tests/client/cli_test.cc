@@ -89,6 +89,10 @@ TEST(ImportCommand, ServiceThatAnswersNoGivesStatus1AndNoArchiveFile) {
   EXPECT_EQ(run.err, kNoLine);
   EXPECT_EQ(run.out, "");
   EXPECT_FALSE(fs::exists(dir / "reply.archive"));
+  ProgramRun passed = import({"--format", "none", "--archive-out", (dir / "reply.archive").string()});
+  EXPECT_EQ(passed.status, 1) << passed.err;
+  EXPECT_EQ(passed.err, kNoLine);
+  EXPECT_FALSE(fs::exists(dir / "reply.archive"));
 
   ProgramRun direct = import({"--direct", "--home", dir.path().string()});
   EXPECT_EQ(direct.status, 1);
@@ -132,6 +136,13 @@ TEST(ImportCommand, PrintsTheReplyAsATreeOrJsonAndSavesItByteForByte) {
   EXPECT_EQ(tree.status, 0) << tree.err;
   EXPECT_EQ(tree.out, test::sample_report());
   EXPECT_TRUE(test::read_file(saved) == archive);
+  // Nothing printed: the reply's memory file is copied straight to the file.
+  const std::string passed = (dir / "passed.archive").string();
+  ProgramRun none = import({"--format", "none", "--archive-out", passed});
+  EXPECT_EQ(none.status, 0) << none.err;
+  EXPECT_EQ(none.out, "");
+  EXPECT_TRUE(test::read_file(passed) == archive);
+  EXPECT_EQ(import({"--format", "none", "--archive-out", (dir / "no" / "such.archive").string()}).status, 4);
 
   ProgramRun json = import({"--format", "json"});
   EXPECT_EQ(json.status, 0) << json.err;
