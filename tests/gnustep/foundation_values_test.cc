@@ -166,15 +166,15 @@ TEST(WeReadGnustepArchives, EveryValueKindWithSharingAndCycles) {
   for (const ValueCase& c : value_cases()) {
     if (!c.gnustep_can_write) continue;
     SCOPED_TRACE(c.name);
-    json spec = dump_like_gnustep(c.make().get());
-    Result<std::string> bytes = test::encode_with_gnustep(spec);
+    json graph = dump_like_gnustep(c.make().get());
+    Result<std::string> bytes = test::encode_with_gnustep(graph);
     ASSERT_TRUE(bytes.ok()) << bytes.error().message;
     Result<Ref<Object>> ours = unarchive(*bytes, no_classes);
     ASSERT_TRUE(ours.ok()) << ours.error().message;
-    EXPECT_EQ(json_text(dump_like_gnustep(ours->get())), json_text(spec));
+    EXPECT_EQ(json_text(dump_like_gnustep(ours->get())), json_text(graph));
     Result<json> theirs = test::decode_with_gnustep(*bytes);
     ASSERT_TRUE(theirs.ok()) << theirs.error().message;
-    EXPECT_EQ(json_text(*theirs), json_text(spec));
+    EXPECT_EQ(json_text(*theirs), json_text(graph));
   }
 }
 

@@ -190,17 +190,17 @@ TEST(GnustepReadsOurArchives, ImportResultsSharingOneAlbumTree) {
 TEST(WeReadGnustepArchives, SidebarTreeKeepsParentAndChildrenIdentity) {
   ORVIA_REQUIRE_GNUSTEP();
   ClassRegistry no_classes;  // read as the generic records any unregistered class becomes
-  json spec = dump_like_gnustep(sidebar_tree().get());
+  json graph = dump_like_gnustep(sidebar_tree().get());
   for (test::ArchiveFormat format : {test::ArchiveFormat::Binary, test::ArchiveFormat::Xml}) {
     SCOPED_TRACE(format == test::ArchiveFormat::Xml ? "xml" : "binary");
-    Result<std::string> bytes = test::encode_with_gnustep(spec, format);
+    Result<std::string> bytes = test::encode_with_gnustep(graph, format);
     ASSERT_TRUE(bytes.ok()) << bytes.error().message;
     Result<Ref<Object>> ours = unarchive(*bytes, no_classes);
     ASSERT_TRUE(ours.ok()) << ours.error().message;
-    EXPECT_EQ(json_text(dump_like_gnustep(ours->get())), json_text(spec));
+    EXPECT_EQ(json_text(dump_like_gnustep(ours->get())), json_text(graph));
     Result<json> theirs = test::decode_with_gnustep(*bytes);
     ASSERT_TRUE(theirs.ok()) << theirs.error().message;
-    EXPECT_EQ(json_text(*theirs), json_text(spec));
+    EXPECT_EQ(json_text(*theirs), json_text(graph));
 
     GenericRecord* album = as_record(ours->get());
     ASSERT_NE(album, nullptr);
@@ -231,8 +231,8 @@ TEST(WeReadGnustepArchives, SidebarTreeKeepsParentAndChildrenIdentity) {
 TEST(WeReadGnustepArchives, ImportResultsWithInlineDatesAndSharedRecords) {
   ORVIA_REQUIRE_GNUSTEP();
   ClassRegistry no_classes;
-  json spec = dump_like_gnustep(import_results().get());
-  Result<std::string> bytes = test::encode_with_gnustep(spec);
+  json graph = dump_like_gnustep(import_results().get());
+  Result<std::string> bytes = test::encode_with_gnustep(graph);
   ASSERT_TRUE(bytes.ok()) << bytes.error().message;
 
   // GNUstep stores the friend's date in place in "$objects" (bplist marker 0x33), not as an NSDate record.
@@ -245,7 +245,7 @@ TEST(WeReadGnustepArchives, ImportResultsWithInlineDatesAndSharedRecords) {
 
   Result<Ref<Object>> ours = unarchive(*bytes, no_classes);
   ASSERT_TRUE(ours.ok()) << ours.error().message;
-  EXPECT_EQ(json_text(dump_like_gnustep(ours->get())), json_text(spec));
+  EXPECT_EQ(json_text(dump_like_gnustep(ours->get())), json_text(graph));
 
   Array* results = as_array(ours->get());
   ASSERT_TRUE(results && results->size() == 2);

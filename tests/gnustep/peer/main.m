@@ -1,5 +1,5 @@
 // gnustep-peer decode ARCHIVE            prints the JSON form of the archive's root object
-// gnustep-peer encode [--xml] SPEC OUT   writes the object graph of a JSON form as a keyed archive
+// gnustep-peer encode [--xml] GRAPH OUT  writes the object graph of a JSON form as a keyed archive
 //                                        (archivedDataWithRootObject:, binary unless --xml)
 // Exit status 0 on success; 1 with a message on stderr when the input cannot be read or built;
 // 2 for wrong arguments.
@@ -21,10 +21,10 @@ static int Decode(NSString *path) {
   return fflush(stdout) == 0 ? 0 : 1;
 }
 
-static int Encode(NSString *specPath, NSString *outPath, BOOL xml) {
-  NSData *spec = [NSData dataWithContentsOfFile: specPath];
-  if (spec == nil) PeerFail(@"cannot read %@", specPath);
-  id root = PeerBuildGraph(PeerParseJSON(spec));
+static int Encode(NSString *graphPath, NSString *outPath, BOOL xml) {
+  NSData *graph = [NSData dataWithContentsOfFile: graphPath];
+  if (graph == nil) PeerFail(@"cannot read %@", graphPath);
+  id root = PeerBuildGraph(PeerParseJSON(graph));
   NSData *archive;
   if (xml) {
     NSMutableData *m = [NSMutableData data];
@@ -53,7 +53,7 @@ int main(int argc, char **argv) {
     } else if ([args count] == 3 && [[args objectAtIndex: 0] isEqual: @"encode"]) {
       status = Encode([args objectAtIndex: 1], [args objectAtIndex: 2], xml);
     } else {
-      fprintf(stderr, "usage: gnustep-peer decode ARCHIVE | encode [--xml] SPEC OUT\n");
+      fprintf(stderr, "usage: gnustep-peer decode ARCHIVE | encode [--xml] GRAPH OUT\n");
     }
   NS_HANDLER
     fprintf(stderr, "gnustep-peer: %s: %s\n", [[localException name] UTF8String],
