@@ -157,10 +157,7 @@ void AlbumMediaList::encode_with_coder(KeyedEncoder& coder) const {
     if (!album_) return;
     Heap* heap = Heap::current();
     if (!heap) {  // nothing would own what the worker makes: converted here, one at a time
-      album_->enumerateImages([&](const ImageItemRow& row) {
-        sink(row.convertedDictionary());
-        return true;
-      });
+      convert_each(sink);
       return;
     }
     MediaPipeline pipeline(*album_, album_->context().get());
@@ -177,14 +174,17 @@ void AlbumMediaList::encode_with_coder(KeyedEncoder& coder) const {
   });
 }
 
+void AlbumMediaList::convert_each(const std::function<void(const Ref<Object>&)>& take) const {
+  if (!album_) return;
+  album_->enumerateImages([&](const ImageItemRow& row) {
+    take(row.convertedDictionary());
+    return true;
+  });
+}
+
 Ref<Array> AlbumMediaList::materialize() const {
   auto items = mutable_array();
-  if (album_) {
-    album_->enumerateImages([&](const ImageItemRow& row) {
-      items->push_back(row.convertedDictionary());
-      return true;
-    });
-  }
+  convert_each([&](const Ref<Object>& media) { items->push_back(media); });
   return items;
 }
 

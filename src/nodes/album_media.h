@@ -3,6 +3,7 @@
 // are never all in memory at once. Archived it is an ordinary NSMutableArray.
 #pragma once
 
+#include <functional>
 #include <span>
 #include <string>
 #include <string_view>
@@ -31,6 +32,9 @@ class AlbumMediaList final : public Record {
   void drop_refs() override { album_ = nullptr; }
 
  private:
+  // Reads and converts the members on this thread, handing each to `take`.
+  void convert_each(const std::function<void(const Ref<Object>&)>& take) const;
+
   Ref<ImageList> album_;
 };
 
