@@ -130,6 +130,7 @@ void continue_import(Stages& stages, const Ref<MQUserDefaultsWrapper>& defaults,
   std::optional<Stages::Interval> teardown;
   {
     HeapScope scope(*heap);
+    MQUserDefaultsWrapper::Snapshot snapshot(*defaults);
     std::optional<std::vector<Ref<Account>>> accounts;
     {
       Stages::Interval t(stages, kStore);

@@ -36,6 +36,10 @@ std::string MQUserDefaultsWrapper::preferencesDomain() const {
 Ref<Dictionary> MQUserDefaultsWrapper::preferences() const {
   // The domain names the file without its suffix; the file itself carries ".plist".
   const std::string path = preferencesDomain() + ".plist";
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (snapshots_ > 0 && snapshot_checked_ && cached_ && (heap_ == nullptr || heap_ == Heap::current())) return top_;
+  }
   FileStamp stamp;
   struct stat st {};
   if (::stat(path.c_str(), &st) == 0) {
@@ -47,6 +51,7 @@ Ref<Dictionary> MQUserDefaultsWrapper::preferences() const {
     stamp.ctime_ns = static_cast<std::int64_t>(st.st_ctim.tv_sec) * 1000000000 + st.st_ctim.tv_nsec;
   }
   std::lock_guard<std::mutex> lock(mutex_);
+  snapshot_checked_ = snapshots_ > 0;  // the first lookup of a snapshot still looks at the file
   // Values read outside any heap belong to none and stay whole wherever they are used, so the file
   // read for the installation check serves the run too; values read inside a heap end with it.
   if (cached_ && stamp == stamp_ && (heap_ == nullptr || heap_ == Heap::current())) return top_;
@@ -61,6 +66,16 @@ Ref<Dictionary> MQUserDefaultsWrapper::preferences() const {
   heap_ = Heap::current();
   top_ = top;
   return top;
+}
+
+MQUserDefaultsWrapper::Snapshot::Snapshot(const MQUserDefaultsWrapper& defaults) : defaults_(defaults) {
+  std::lock_guard<std::mutex> lock(defaults_.mutex_);
+  if (defaults_.snapshots_++ == 0) defaults_.snapshot_checked_ = false;
+}
+
+MQUserDefaultsWrapper::Snapshot::~Snapshot() {
+  std::lock_guard<std::mutex> lock(defaults_.mutex_);
+  if (--defaults_.snapshots_ == 0) defaults_.snapshot_checked_ = false;
 }
 
 Ref<Object> MQUserDefaultsWrapper::valueForKey(std::string_view key) const {

@@ -49,6 +49,20 @@ class MQUserDefaultsWrapper final : public Record {
   // The account id is formatted by its description text (a number by its decimal digits).
   Ref<String> statisticsPathWithAccountID(const Object* account_id) const;
 
+  // While one is alive, lookups are answered from the file as it was when first read, without looking
+  // at the file again: a request reads one state of the preferences, and its many lookups (one per
+  // sidebar entry) cost no file-system call each. Scopes nest.
+  class Snapshot {
+   public:
+    explicit Snapshot(const MQUserDefaultsWrapper& defaults);
+    ~Snapshot();
+    Snapshot(const Snapshot&) = delete;
+    Snapshot& operator=(const Snapshot&) = delete;
+
+   private:
+    const MQUserDefaultsWrapper& defaults_;
+  };
+
   std::span<const std::string_view> class_chain() const override;
   void encode_with_coder(KeyedEncoder&) const override {}  // never archived
   void init_with_coder(KeyedDecoder&) override {}
@@ -73,6 +87,8 @@ class MQUserDefaultsWrapper final : public Record {
   };
   mutable std::mutex mutex_;
   mutable bool cached_ = false;
+  mutable int snapshots_ = 0;              // live Snapshot scopes
+  mutable bool snapshot_checked_ = false;  // the file was looked at since the outermost scope began
   mutable FileStamp stamp_;
   mutable const Heap* heap_ = nullptr;
   mutable Ref<Dictionary> top_;

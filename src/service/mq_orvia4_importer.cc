@@ -59,6 +59,7 @@ void MQOrvia4Importer::continueImport(const Ref<MQUserDefaultsWrapper>& defaults
   // the run ends (after the completion has archived the results).
   Heap heap;
   HeapScope scope(heap);
+  MQUserDefaultsWrapper::Snapshot snapshot(*defaults);
   register_record_classes();
   register_outline_classes();
 

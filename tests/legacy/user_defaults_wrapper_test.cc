@@ -124,6 +124,17 @@ TEST(UserDefaults, TakesTheHomeFolderWhenCreatedAndSeesAChangedFile) {
   EXPECT_EQ(text_of(defaults->valueForKey("WZAlbumsOrderIndex").get()), "two");
   fs::remove(preferences_file(home.path()));
   EXPECT_FALSE(defaults->valueForKey("WZAlbumsOrderIndex"));
+
+  // A request reads one state of the file: its first lookup looks at the file, later ones do not.
+  write_preferences(preferences_file(home.path()), dict({{"WZAlbumsOrderIndex", num(3)}}).get());
+  {
+    MQUserDefaultsWrapper::Snapshot outer(*defaults);
+    MQUserDefaultsWrapper::Snapshot inner(*defaults);
+    EXPECT_EQ(as_number(defaults->valueForKey("WZAlbumsOrderIndex").get())->int_value(), 3);
+    write_preferences(preferences_file(home.path()), dict({{"WZAlbumsOrderIndex", str("four, longer")}}).get());
+    EXPECT_EQ(as_number(defaults->valueForKey("WZAlbumsOrderIndex").get())->int_value(), 3);
+  }
+  EXPECT_EQ(text_of(defaults->valueForKey("WZAlbumsOrderIndex").get()), "four, longer");
 }
 
 TEST(UserDefaults, FindsStatisticsDatabasesAndLogsEveryPath) {
