@@ -11,30 +11,41 @@
 namespace orvia {
 namespace {
 
+template <class T>
+Ref<T> kept(Ref<T> constant) {
+  constant->make_immortal();
+  return constant;
+}
+
 // Keys and constant values are immutable, untracked objects shared by every conversion: the
-// conversion runs once per stored media item (hundreds of thousands in a large store).
+// conversion runs once per stored media item (hundreds of thousands in a large store), on two threads
+// at once, so they are immortal (no count changes on every use).
 struct Constants {
-  Ref<String> taken_at = str("taken_at"), id = str("id"), pk = str("pk"), device_timestamp = str("device_timestamp"),
-              media_type = str("media_type"), code = str("code"), filter_type = str("filter_type"),
-              image_versions2 = str("image_versions2"), candidates = str("candidates"), width = str("width"),
-              height = str("height"), url = str("url"), original_width = str("original_width"),
-              original_height = str("original_height"), user = str("user"), caption = str("caption"),
-              like_count = str("like_count"), has_liked = str("has_liked"), likers = str("likers"),
-              comment_likes_enabled = str("comment_likes_enabled"),
-              comment_threading_enabled = str("comment_threading_enabled"),
-              has_more_comments = str("has_more_comments"),
-              max_num_visible_preview_comments = str("max_num_visible_preview_comments"),
-              preview_comments = str("preview_comments"), comment_count = str("comment_count"),
-              photo_of_you = str("photo_of_you"), can_viewer_save = str("can_viewer_save"),
-              converted_from_orvia4 = str("converted_from_orvia4"), username = str("username"),
-              full_name = str("full_name"), profile_pic_url = str("profile_pic_url"), is_private = str("is_private"),
-              user_id = str("user_id"), text = str("text"), type = str("type"), created_at = str("created_at"),
-              created_at_utc = str("created_at_utc"), content_type = str("content_type"), status = str("status"),
-              bit_flags = str("bit_flags"), did_report_as_spam = str("did_report_as_spam"),
-              media_id = str("media_id"), caption_is_edited = str("caption_is_edited");
-  Ref<String> comment = str("comment"), active = str("Active");
-  Ref<Number> zero = num(0), one = num(1), two = num(2), n320 = num(320), n640 = num(640);
-  Ref<Number> yes = boolean(true), no = boolean(false);
+  Ref<String> taken_at = kept(str("taken_at")), id = kept(str("id")), pk = kept(str("pk")),
+              device_timestamp = kept(str("device_timestamp")), media_type = kept(str("media_type")),
+              code = kept(str("code")), filter_type = kept(str("filter_type")),
+              image_versions2 = kept(str("image_versions2")), candidates = kept(str("candidates")),
+              width = kept(str("width")), height = kept(str("height")), url = kept(str("url")),
+              original_width = kept(str("original_width")), original_height = kept(str("original_height")),
+              user = kept(str("user")), caption = kept(str("caption")), like_count = kept(str("like_count")),
+              has_liked = kept(str("has_liked")), likers = kept(str("likers")),
+              comment_likes_enabled = kept(str("comment_likes_enabled")),
+              comment_threading_enabled = kept(str("comment_threading_enabled")),
+              has_more_comments = kept(str("has_more_comments")),
+              max_num_visible_preview_comments = kept(str("max_num_visible_preview_comments")),
+              preview_comments = kept(str("preview_comments")), comment_count = kept(str("comment_count")),
+              photo_of_you = kept(str("photo_of_you")), can_viewer_save = kept(str("can_viewer_save")),
+              converted_from_orvia4 = kept(str("converted_from_orvia4")), username = kept(str("username")),
+              full_name = kept(str("full_name")), profile_pic_url = kept(str("profile_pic_url")),
+              is_private = kept(str("is_private")), user_id = kept(str("user_id")), text = kept(str("text")),
+              type = kept(str("type")), created_at = kept(str("created_at")),
+              created_at_utc = kept(str("created_at_utc")), content_type = kept(str("content_type")),
+              status = kept(str("status")), bit_flags = kept(str("bit_flags")),
+              did_report_as_spam = kept(str("did_report_as_spam")), media_id = kept(str("media_id")),
+              caption_is_edited = kept(str("caption_is_edited"));
+  Ref<String> comment = kept(str("comment")), active = kept(str("Active"));
+  Ref<Number> zero = kept(num(0)), one = kept(num(1)), two = kept(num(2)), n320 = kept(num(320)), n640 = kept(num(640));
+  Ref<Number> yes = kept(boolean(true)), no = kept(boolean(false));
 };
 
 const Constants& k() {

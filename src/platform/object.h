@@ -45,11 +45,21 @@ class Object {
   // The class name under which the archiver stores the object ("NSMutableArray", "MQImporterNodeFolder").
   virtual std::string_view class_name() const = 0;
 
-  void retain() const { refs_.fetch_add(1, std::memory_order_relaxed); }
+  void retain() const {
+    if (!immortal_) refs_.fetch_add(1, std::memory_order_relaxed);
+  }
   void release() const {
-    if (refs_.fetch_sub(1, std::memory_order_acq_rel) == 1) destroy(this);
+    if (!immortal_ && refs_.fetch_sub(1, std::memory_order_acq_rel) == 1) destroy(this);
   }
   std::uint32_t ref_count() const { return refs_.load(std::memory_order_relaxed); }
+  // Makes a constant live as long as the process, with its count left alone from then on: constants
+  // that every thread uses (YES, NO, NSNull, keys of converted records) would otherwise bounce their
+  // count's cache line between the cores on every use. Call before the object is shared.
+  const Object* make_immortal() const {
+    retain();
+    immortal_ = true;
+    return this;
+  }
 
  protected:
   explicit Object(ObjectKind kind, bool can_hold_refs = false);
@@ -66,6 +76,7 @@ class Object {
   mutable std::atomic<std::uint32_t> refs_{0};
   ObjectKind kind_;
   bool tracked_ = false;
+  mutable bool immortal_ = false;
   // Scratch of the keyed archiver: the UID given to this object by the archiving run `archive_run_`
   // (each run takes a new number), so that finding an object's UID needs no lookup table.
   friend class ArchiveScratch;
@@ -130,6 +141,17 @@ class Ref {
 template <class T, class... Args>
 Ref<T> make(Args&&... args) {
   return Ref<T>(new T(std::forward<Args>(args)...));
+}
+
+// A process-wide constant (see Object::make_immortal).
+template <class T>
+T* immortal(T* obj) {
+  obj->make_immortal();
+  return obj;
+}
+template <class T>
+T* immortal(const Ref<T>& obj) {
+  return immortal(obj.get());
 }
 
 // Owner of the objects made while it is current; see the file comment.

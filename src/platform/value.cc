@@ -33,8 +33,8 @@ Ref<Number> Number::from_uint(std::uint64_t v) {
 Ref<Number> Number::from_real(double v) { return Ref<Number>(new Number(Type::Real, double_bits(v))); }
 Ref<Number> Number::from_bool(bool v) {
   // Process-wide and never freed, like the platform's boolean constants.
-  static Number* const yes = Ref<Number>(new Number(Type::Boolean, 1)).leak();
-  static Number* const no = Ref<Number>(new Number(Type::Boolean, 0)).leak();
+  static Number* const yes = immortal(new Number(Type::Boolean, 1));
+  static Number* const no = immortal(new Number(Type::Boolean, 0));
   return Ref<Number>(v ? yes : no);
 }
 
@@ -67,7 +67,7 @@ double Number::real_value() const {
 }
 
 Ref<Null> Null::shared() {
-  static Null* const null = Ref<Null>(new Null()).leak();
+  static Null* const null = immortal(new Null());
   return Ref<Null>(null);
 }
 
