@@ -1,6 +1,7 @@
 #include "nodes/album_media.h"
 
 #include <condition_variable>
+#include <cstdint>
 #include <deque>
 #include <exception>
 #include <memory>
@@ -15,9 +16,13 @@
 namespace orvia {
 namespace {
 
-// One member of the album: its row as read from the store, then its converted form with the heap that
-// owns what the conversion made (a damaged stored record may hold cycles, cut when the heap ends).
+// One member of an album: its row as read from the store, then its converted form with the heap that
+// owns what the conversion made (a damaged stored record may hold cycles, cut when the heap ends). An
+// album's members end with a marker, so that the end of an album is known before the next one's.
 struct Member {
+  std::size_t place = 0;  // the album's place in the plan
+  bool end = false;       // the marker after the album's last member
+  const CoreDataStore* store = nullptr;
   std::string bytes;
   bool has_dictionary = false;
   std::int64_t entity = 0, primary_key = 0;
@@ -27,59 +32,108 @@ struct Member {
   std::string unreadable;   // why the stored record could not be read, logged in the members' order
 };
 
-// Reads an album's members on a worker thread, and converts them on both threads: the worker reads
-// ahead and converts when enough members wait; the archiving thread converts whenever the next member
-// it needs is not ready yet, instead of waiting. Decoding the stored records is most of an import's
-// work, so it is shared between the cores while the archive is written.
+// Reads the plan's albums on a worker thread, in the plan's order and without stopping at the end of
+// an album, and converts the members on both threads: the worker converts whenever enough members
+// wait, the archiving thread converts the member it needs next whenever that one is not ready yet,
+// instead of waiting. Decoding the stored records is most of an import's work, so it is shared
+// between the cores while the archive is written.
 //
-// Members are converted in the order they were read, by whichever thread claims them; the archiving
-// thread takes them in that order and logs unreadable records then, so the log keeps the store's
-// order. Only the worker touches the store. At most kWindow members are in memory; the worker also
-// frees the spent ones (memory goes back to the allocator it mostly came from).
-class MediaPipeline {
+// Members are claimed for conversion in the order they were read (the claimed ones are always the
+// first of the window); the archiving thread takes them in that order and logs unreadable records
+// then, so the log keeps the store's order. Only the worker touches the store. At most kWindow members
+// are in memory; the worker also frees the spent ones (memory goes back to the allocator it mostly
+// came from). Lives for one archiving run.
+class MediaReader {
  public:
-  MediaPipeline(const ImageList& album, const CoreDataStore* store)
-      : store_(store), worker_([this, &album] { run(album); }) {}
-  ~MediaPipeline() {
+  explicit MediaReader(std::shared_ptr<const MediaPlan> plan) : plan_(std::move(plan)) {}
+  ~MediaReader() {
     {
       std::lock_guard lock(mutex_);
       stop_ = true;
     }
-    changed_.notify_all();
-    worker_.join();
+    worker_cv_.notify_one();
+    if (worker_.joinable()) worker_.join();
   }
-  MediaPipeline(const MediaPipeline&) = delete;
-  MediaPipeline& operator=(const MediaPipeline&) = delete;
+  MediaReader(const MediaReader&) = delete;
+  MediaReader& operator=(const MediaReader&) = delete;
 
-  // The next member, converted; null once all were handed out. Valid until the next call.
+  // Makes the album at `place` the one whose members next() hands out.
+  void open(std::size_t place) {
+    std::unique_lock lock(mutex_);
+    if (current_) spent_.push_back(std::move(current_));
+    open_ = place;
+    // Members of albums before this one were never asked for: dropped (read again if ever asked).
+    while (!window_.empty() && window_.front()->place < place) pop_front();
+    const bool ready = window_.empty() ? started_ && reading_ == place && wanted_ == kNone
+                                       : window_.front()->place == place;
+    if (!ready) {  // the worker is past this album, or elsewhere: it drops what it read and reads this one
+      while (!window_.empty()) pop_front();
+      wanted_ = place;
+      wake_worker();
+    }
+    if (!started_) {
+      started_ = true;
+      worker_ = std::thread([this] { run(); });
+    }
+  }
+
+  // The next member of the open album, converted; null at its end. Valid until the next call.
   Member* next() {
     std::unique_lock lock(mutex_);
-    if (current_) {
-      spent_.push_back(std::move(current_));
-      changed_.notify_all();
-    }
+    if (current_) spent_.push_back(std::move(current_));
     for (;;) {
-      if (!window_.empty() && window_.front()->converted) {
-        current_ = std::move(window_.front());
-        window_.pop_front();
-        ++taken_;
-        changed_.notify_all();
-        return current_.get();
+      if (!window_.empty()) {
+        Member* front = window_.front().get();
+        if (front->end || front->place != open_) {  // (another album's member cannot come first: the end marker does)
+          if (front->place == open_) pop_front();
+          return nullptr;
+        }
+        if (front->converted) {
+          current_ = std::move(window_.front());
+          window_.pop_front();
+          --claimed_;
+          wake_worker();
+          return current_.get();
+        }
+        // Not ready: rather than wait, this thread converts the first member nobody has claimed yet
+        // (the one it needs, or one the worker would convert next).
+        if (convert_one(lock)) continue;
       }
-      if (window_.empty() && reading_done_) return nullptr;
-      if (!convert_one(lock)) changed_.wait(lock);
+      main_waiting_ = true;
+      main_cv_.wait(lock);
+      main_waiting_ = false;
     }
   }
 
  private:
   static constexpr std::size_t kWindow = 256;
   static constexpr std::size_t kReadAhead = 8;  // unclaimed members the worker keeps ready to share
+  static constexpr std::size_t kNone = SIZE_MAX;
 
-  // Claims the oldest unclaimed member and converts it (the lock is let go meanwhile); false if none.
-  bool convert_one(std::unique_lock<std::mutex>& lock) {
-    if (claimed_ >= taken_ + window_.size()) return false;
-    Member* m = window_[claimed_ - taken_].get();  // stays put: only its owner's pop moves it, after conversion
-    ++claimed_;
+  void wake_worker() {
+    if (worker_waiting_) worker_cv_.notify_one();
+  }
+  void wake_main() {
+    if (main_waiting_) main_cv_.notify_one();
+  }
+  // Drops the first member of the window (it may still be being converted by the worker, which will
+  // mark it done before freeing it with the spent ones).
+  void pop_front() {
+    if (claimed_ > 0) --claimed_;
+    spent_.push_back(std::move(window_.front()));
+    window_.pop_front();
+  }
+  std::size_t unclaimed() const { return window_.size() - claimed_; }
+  // Claims the first unclaimed member (end markers need no conversion and are passed over); null if none.
+  Member* claim() {
+    while (claimed_ < window_.size()) {
+      Member* m = window_[claimed_++].get();
+      if (!m->converted) return m;
+    }
+    return nullptr;
+  }
+  // Converts a claimed member with the lock let go meanwhile.
+  void convert_claimed(std::unique_lock<std::mutex>& lock, Member* m) {
     lock.unlock();
     try {
       convert(*m);
@@ -89,13 +143,18 @@ class MediaPipeline {
     }
     lock.lock();
     m->converted = true;
-    changed_.notify_all();
+    wake_main();
+  }
+  bool convert_one(std::unique_lock<std::mutex>& lock) {
+    Member* m = claim();
+    if (!m) return false;
+    convert_claimed(lock, m);
     return true;
   }
 
   void convert(Member& m) const {
     ImageItemRow row;
-    row.store = store_;
+    row.store = m.store;
     row.entity = m.entity;
     row.primary_key = m.primary_key;
     row.has_dictionary = m.has_dictionary;
@@ -105,47 +164,120 @@ class MediaPipeline {
     m.media = row.convertedDictionary(&m.unreadable);
   }
 
-  void run(const ImageList& album) {
+  void run() {
     std::deque<std::unique_ptr<Member>> spent;
+    std::unique_lock lock(mutex_);
+    for (;;) {
+      spent.swap(spent_);
+      if (!spent.empty()) {
+        lock.unlock();
+        spent.clear();
+        lock.lock();
+        continue;
+      }
+      if (stop_) return;
+      if (wanted_ != kNone) {
+        reading_ = wanted_;
+        wanted_ = kNone;
+      }
+      if (reading_ < plan_->size()) {
+        const std::size_t place = reading_;
+        lock.unlock();
+        read_album(place, spent);
+        lock.lock();
+        if (wanted_ == kNone && reading_ == place) reading_ = place + 1;
+        continue;
+      }
+      // Nothing more to read: convert what waits, else sleep until asked for an album again.
+      if (!convert_one(lock)) {
+        worker_waiting_ = true;
+        worker_cv_.wait(lock);
+        worker_waiting_ = false;
+      }
+    }
+  }
+
+  // Reads the album's rows into the window, then its end marker, unless told to stop or to read
+  // another album meanwhile.
+  void read_album(std::size_t place, std::deque<std::unique_ptr<Member>>& spent) {
+    Ref<ImageList> album = plan_->album(place);
+    const CoreDataStore* store = album->context().get();
+    auto leaving = [&] { return stop_ || wanted_ != kNone; };
     try {
-      album.enumerateImages([&](const ImageItemRow& row) {
+      album->enumerateImages([&](const ImageItemRow& row) {
         auto m = std::make_unique<Member>();
+        m->place = place;
+        m->store = store;
         m->bytes.assign(row.dictionary);
         m->has_dictionary = row.has_dictionary;
         m->entity = row.entity;
         m->primary_key = row.primary_key;
         std::unique_lock lock(mutex_);
-        changed_.wait(lock, [&] { return window_.size() < kWindow || stop_; });
-        if (stop_) return false;
+        while (window_.size() >= kWindow && !leaving()) {
+          if (!convert_one(lock)) {
+            worker_waiting_ = true;
+            worker_cv_.wait(lock);
+            worker_waiting_ = false;
+          }
+        }
+        if (leaving()) return false;
         window_.push_back(std::move(m));
-        changed_.notify_all();
-        while (claimed_ + kReadAhead < taken_ + window_.size()) convert_one(lock);
+        wake_main();
+        while (unclaimed() > kReadAhead && convert_one(lock)) {
+        }
         spent.swap(spent_);
         lock.unlock();
         spent.clear();
         return true;
       });
     } catch (const std::exception& e) {
-      NSLog("Reading the media of %@ stopped: %@", album.objectURI(), std::string(e.what()));
+      NSLog("Reading the media of %@ stopped: %@", album->objectURI(), std::string(e.what()));
     }
-    std::unique_lock lock(mutex_);
-    reading_done_ = true;
-    changed_.notify_all();
-    while (!stop_ && convert_one(lock)) {
-    }
+    std::lock_guard lock(mutex_);
+    if (leaving()) return;
+    auto marker = std::make_unique<Member>();
+    marker->place = place;
+    marker->end = true;
+    marker->converted = true;
+    window_.push_back(std::move(marker));
+    wake_main();
   }
 
-  const CoreDataStore* store_;
+  const std::shared_ptr<const MediaPlan> plan_;
   std::mutex mutex_;
-  std::condition_variable changed_;
+  std::condition_variable main_cv_, worker_cv_;
   std::deque<std::unique_ptr<Member>> window_, spent_;  // window_: read, not yet taken, in order
   std::unique_ptr<Member> current_;                     // the member handed out last
-  std::uint64_t taken_ = 0, claimed_ = 0;               // counts since the start, in reading order
-  bool reading_done_ = false, stop_ = false;
-  std::thread worker_;  // last: starts once the members above exist
+  std::size_t claimed_ = 0;                             // the first claimed_ members of the window are claimed
+  std::size_t open_ = kNone, reading_ = 0, wanted_ = kNone;
+  bool started_ = false, stop_ = false, main_waiting_ = false, worker_waiting_ = false;
+  std::thread worker_;
 };
 
 }  // namespace
+
+std::size_t MediaPlan::add(Ref<ImageList> album) {
+  std::lock_guard lock(mutex_);
+  albums_.push_back(std::move(album));
+  return albums_.size() - 1;
+}
+
+std::size_t MediaPlan::size() const {
+  std::lock_guard lock(mutex_);
+  return albums_.size();
+}
+
+Ref<ImageList> MediaPlan::album(std::size_t place) const {
+  std::lock_guard lock(mutex_);
+  return albums_[place];
+}
+
+AlbumMediaList::AlbumMediaList(Ref<ImageList> album) : AlbumMediaList(std::move(album), std::make_shared<MediaPlan>()) {}
+
+AlbumMediaList::AlbumMediaList(Ref<ImageList> album, std::shared_ptr<MediaPlan> plan)
+    : album_(std::move(album)), plan_(std::move(plan)) {
+  if (album_) place_ = plan_->add(album_);
+}
 
 std::span<const std::string_view> AlbumMediaList::class_chain() const {
   static constexpr std::string_view kChain[] = {"NSMutableArray", "NSArray", "NSObject"};
@@ -153,15 +285,18 @@ std::span<const std::string_view> AlbumMediaList::class_chain() const {
 }
 
 void AlbumMediaList::encode_with_coder(KeyedEncoder& coder) const {
-  coder.encode_object_stream("NS.objects", [this](const KeyedEncoder::ObjectSink& sink) {
+  coder.encode_object_stream("NS.objects", [this, &coder](const KeyedEncoder::ObjectSink& sink) {
     if (!album_) return;
     Heap* heap = Heap::current();
     if (!heap) {  // nothing would own what the worker makes: converted here, one at a time
       convert_each(sink);
       return;
     }
-    MediaPipeline pipeline(*album_, album_->context().get());
-    while (Member* m = pipeline.next()) {
+    // One reader per plan and archiving run, shared by the plan's lists.
+    auto reader = std::static_pointer_cast<MediaReader>(
+        coder.run_state(plan_.get(), [this] { return std::make_shared<MediaReader>(plan_); }));
+    reader->open(place_);
+    while (Member* m = reader->next()) {
       if (!m->unreadable.empty())
         NSLog("Unreadable media record %@: %@", album_->context()->object_uri(m->entity, m->primary_key), m->unreadable);
       sink(m->media);

@@ -3,10 +3,14 @@
 // are never all in memory at once. Archived it is an ordinary NSMutableArray.
 #pragma once
 
+#include <cstddef>
 #include <functional>
+#include <memory>
+#include <mutex>
 #include <span>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "legacy/entities.h"
 #include "platform/keyed_archive.h"
@@ -14,9 +18,28 @@
 
 namespace orvia {
 
+// The albums whose media one reply carries, in the order their lists were made: the order of a walk
+// of the sidebar, which is the order the archiver meets them in. While the reply is archived, a worker
+// reads and converts the members of these albums in this order, ahead of the archiver and across the
+// ends of albums; a list asked for out of this order is read when asked.
+class MediaPlan {
+ public:
+  // Adds an album; its place in the plan.
+  std::size_t add(Ref<ImageList> album);
+  std::size_t size() const;
+  Ref<ImageList> album(std::size_t place) const;
+
+ private:
+  mutable std::mutex mutex_;
+  std::vector<Ref<ImageList>> albums_;
+};
+
 class AlbumMediaList final : public Record {
  public:
-  explicit AlbumMediaList(Ref<ImageList> album) : album_(std::move(album)) {}
+  // A list read on its own (a plan of one album).
+  explicit AlbumMediaList(Ref<ImageList> album);
+  // A list whose album takes the next place in `plan`.
+  AlbumMediaList(Ref<ImageList> album, std::shared_ptr<MediaPlan> plan);
 
   std::span<const std::string_view> class_chain() const override;
   // Reads and converts the album's members in the relationship's order, each handed to the archiver
@@ -36,6 +59,8 @@ class AlbumMediaList final : public Record {
   void convert_each(const std::function<void(const Ref<Object>&)>& take) const;
 
   Ref<ImageList> album_;
+  std::shared_ptr<MediaPlan> plan_;
+  std::size_t place_ = 0;
 };
 
 }  // namespace orvia

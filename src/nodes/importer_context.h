@@ -20,6 +20,7 @@
 #include "legacy/core_data_wrapper.h"
 #include "legacy/entities.h"
 #include "legacy/user_defaults_wrapper.h"
+#include "nodes/album_media.h"
 #include "platform/keyed_archive.h"
 #include "platform/value.h"
 
@@ -51,6 +52,9 @@ class ImportLookups {
   };
   const EntryIndex& entryIndex(const Ref<Array>& list, std::string_view field);
 
+  // The albums whose media this request's reply carries, in the order their lists are made.
+  const std::shared_ptr<MediaPlan>& mediaPlan() { return media_plan_; }
+
  private:
   struct FriendList {
     std::vector<Ref<Friend>> list;
@@ -61,6 +65,7 @@ class ImportLookups {
   std::unordered_map<std::string, std::size_t> album_index_;
   std::unordered_map<std::int64_t, FriendList> friends_;  // by account key; -1 for no account
   std::unordered_map<std::string, EntryIndex> entry_indexes_;  // by list address and field
+  std::shared_ptr<MediaPlan> media_plan_ = std::make_shared<MediaPlan>();
 };
 
 class MQImporterContext final : public Record {

@@ -314,7 +314,7 @@ Ref<MQImporterNodeAlbum> album_node(ImageList& album, MQImporterContext& context
   node->albumName = album.title();
   // The media are read and converted when the reply is archived (see album_media.h).
   if (context.convertMedia)
-    node->items = make<AlbumMediaList>(Ref<ImageList>(&album));
+    node->items = make<AlbumMediaList>(Ref<ImageList>(&album), context.lookups().mediaPlan());
   else
     node->items = mutable_array();
   return node;

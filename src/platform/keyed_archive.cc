@@ -193,6 +193,7 @@ class Archiver final : public KeyedEncoder {
       encode_entry(obj, index);
       depth_ = 0;
     }
+    end_run_states();  // every object is in the builder: what the run kept for its objects can go
     const std::uint32_t objects = b_.reserve();
     b_.set_array(objects, entries_.data(), entries_.size());
     const std::uint32_t top_dict = b_.reserve();
@@ -1188,6 +1189,22 @@ class KeyedUnarchiverImpl final : public KeyedDecoder {
 GenericRecord::GenericRecord(std::vector<std::string> chain) : chain_(std::move(chain)) {
   if (chain_.empty()) chain_.push_back("NSObject");
   for (const auto& c : chain_) chain_views_.push_back(c);
+}
+
+std::shared_ptr<void> KeyedEncoder::run_state(const void* key, const std::function<std::shared_ptr<void>()>& make) {
+  for (const auto& [k, state] : run_states_)
+    if (k == key) return state;
+  run_states_.emplace_back(key, make());
+  return run_states_.back().second;
+}
+
+void KeyedEncoder::end_run_states() {
+  // Last made, first ended; each ends before the next is looked at.
+  while (!run_states_.empty()) {
+    auto state = std::move(run_states_.back().second);
+    run_states_.pop_back();
+    state.reset();
+  }
 }
 
 void GenericRecord::encode_with_coder(KeyedEncoder& coder) const {

@@ -41,6 +41,16 @@ class KeyedEncoder {
   // so a long list of large objects never needs to be in memory at once.
   using ObjectSink = std::function<void(const Ref<Object>&)>;
   virtual void encode_object_stream(std::string_view key, const std::function<void(const ObjectSink&)>& produce) = 0;
+
+  // State shared by the objects of one archiving run: made by `make` on the first call with `key`,
+  // then the same object until the run ends (the encoder drops it when every object is written).
+  std::shared_ptr<void> run_state(const void* key, const std::function<std::shared_ptr<void>()>& make);
+
+ protected:
+  void end_run_states();
+
+ private:
+  std::vector<std::pair<const void*, std::shared_ptr<void>>> run_states_;
 };
 
 class KeyedDecoder {

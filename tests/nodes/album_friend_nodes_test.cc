@@ -2,6 +2,8 @@
 // object URIs ("ff-<URI>", "fa-<URI>"), and the unfiled ones collected in the store's order.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+
 #include "nodes_fixture.h"
 
 namespace orvia::test {
@@ -146,6 +148,76 @@ TEST_F(AlbumFriendNodes, ALargeAlbumKeepsItsOrderAndLogsUnreadableRecordsInOrder
   ASSERT_EQ(lines.size(), expected_lines.size());
   for (std::size_t i = 0; i < lines.size(); ++i)
     EXPECT_EQ(lines[i].rfind("Unreadable media record " + expected_lines[i] + ": ", 0), 0u) << lines[i];
+}
+
+TEST_F(AlbumFriendNodes, AlbumsOfOneReplyReadAheadInTheirOrderAndInAnyOther) {
+  // The lists of one context are read ahead in the order they were made, across the ends of albums;
+  // the archiver may meet them in another order, skip some or meet them in a second archive.
+  Store& s = home.store();
+  const std::vector<int> sizes = {300, 0, 5, 280, 1, 40};  // larger than the read-ahead window, empty, small
+  std::vector<std::int64_t> albums;
+  std::vector<std::vector<std::string>> ids(sizes.size());        // the expected "id" of every member
+  std::vector<std::vector<std::string>> unreadable(sizes.size());  // URIs of the records logged as unreadable
+  for (std::size_t a = 0; a < sizes.size(); ++a) {
+    albums.push_back(s.add_album("Album " + std::to_string(a), static_cast<int>(50 + a)));
+    for (int i = 0; i < sizes[a]; ++i) {
+      const std::string id = std::to_string(a) + "." + std::to_string(i);
+      const bool damaged = i % 11 == 4;
+      const std::int64_t key = s.add_image(albums[a], damaged ? std::optional<std::string>("damaged " + id)
+                                                              : media_archive(*older_media(id, "https://ig.example/p/" + id)));
+      ids[a].push_back(damaged ? "" : id);
+      if (damaged) unreadable[a].push_back(s.uri(Store::kImageItem, key));
+    }
+  }
+  auto ctx = context(account(ann));
+  std::vector<Ref<Object>> lists;  // the album at index a, then a second list of album 3
+  for (std::size_t a = 0; a < sizes.size(); ++a) {
+    auto node = albumNodeFromItem(*entry(kFolderAlbumsIdentifier, "A", album_id(album_uri(albums[a]))), *ctx);
+    ASSERT_NE(node, nullptr);
+    lists.push_back(static_cast<MQImporterNodeAlbum*>(node.get())->items);
+  }
+  auto again = albumNodeFromItem(*entry(kFolderAlbumsIdentifier, "A", album_id(album_uri(albums[3]))), *ctx);
+  lists.push_back(static_cast<MQImporterNodeAlbum*>(again.get())->items);
+  auto album_of = [&](std::size_t list) { return list < sizes.size() ? list : std::size_t{3}; };
+
+  const std::vector<std::vector<std::size_t>> orders = {
+      {0, 1, 2, 3, 4, 5, 6},  // as made
+      {5, 4, 3, 2, 1, 0},     // backwards
+      {3, 0, 6, 5},           // skipping some, one album twice
+      {2, 4},                 // small ones only, leaving the rest unread
+      {6, 3, 1, 1, 0},        // the same list twice in one archive: written once
+  };
+  for (const auto& order : orders) {
+    for (int run = 0; run < 2; ++run) {  // each archive twice
+      SCOPED_TRACE(::testing::PrintToString(order) + " run " + std::to_string(run));
+      std::vector<Ref<Object>> picked;
+      for (std::size_t i : order) picked.push_back(lists[i]);
+      LogCapture log;
+      Ref<Object> copy = copy_through_archive(make<Array>(picked, false).get());
+      const Array* top = as_array(copy.get());
+      ASSERT_NE(top, nullptr);
+      ASSERT_EQ(top->size(), order.size());
+      std::vector<std::string> expected_lines;
+      std::vector<std::size_t> seen;
+      for (std::size_t k = 0; k < order.size(); ++k) {
+        const std::size_t a = album_of(order[k]);
+        const Array* media = as_array(top->at(k).get());
+        ASSERT_NE(media, nullptr);
+        std::vector<std::string> got;
+        for (const Ref<Object>& m : media->items())
+          got.emplace_back(text_of(as_dict(m.get()) ? as_dict(m.get())->get("id") : nullptr));
+        EXPECT_EQ(got, ids[a]) << "album " << a;
+        if (std::find(seen.begin(), seen.end(), order[k]) == seen.end()) {
+          seen.push_back(order[k]);
+          for (const std::string& uri : unreadable[a]) expected_lines.push_back(uri);
+        }
+      }
+      std::vector<std::string> lines = lines_starting(log, "Unreadable media record ");
+      ASSERT_EQ(lines.size(), expected_lines.size());
+      for (std::size_t i = 0; i < lines.size(); ++i)
+        EXPECT_EQ(lines[i].rfind("Unreadable media record " + expected_lines[i] + ": ", 0), 0u) << lines[i];
+    }
+  }
 }
 
 TEST_F(AlbumFriendNodes, AlbumEntriesThatMatchNoAlbum) {
