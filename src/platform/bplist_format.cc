@@ -1,7 +1,5 @@
 #include "platform/bplist_format.h"
 
-#include <sys/mman.h>
-
 #include <algorithm>
 #include <cstring>
 #include <limits>
@@ -397,41 +395,21 @@ double View::real(const Item& it) const { return bits_to_double(it.scalar); }
 
 Builder::Builder() = default;
 
-Builder::Block::Block() {
-  // Mapped twice the size so that a 2 MB-aligned block lies inside; the ends are given back.
-  void* raw = ::mmap(nullptr, 2 * kSize, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-  if (raw == MAP_FAILED) throw std::bad_alloc();
-  const auto start = reinterpret_cast<std::uintptr_t>(raw);
-  const std::uintptr_t aligned = (start + kSize - 1) & ~(kSize - 1);
-  if (aligned > start) ::munmap(raw, aligned - start);
-  if (aligned + kSize < start + 2 * kSize) ::munmap(reinterpret_cast<void*>(aligned + kSize), start + 2 * kSize - aligned - kSize);
-  p_ = reinterpret_cast<char*>(aligned);
-  ::madvise(p_, kSize, MADV_HUGEPAGE);  // a hint: without huge pages the block works the same
-}
-
-Builder::Block::~Block() {
-  if (p_) ::munmap(p_, kSize);
-}
-
 std::uint32_t Builder::Objects::push(const Obj& o) {
-  static_assert(sizeof(Obj) << kShift == Block::kSize);
-  if ((size_ >> kShift) == blocks_.size()) {
-    blocks_.emplace_back();
-    starts_.push_back(reinterpret_cast<Obj*>(blocks_.back().get()));
-  }
+  if ((size_ >> kShift) == blocks_.size()) blocks_.push_back(std::make_unique_for_overwrite<Obj[]>(kMask + 1));
   (*this)[size_] = o;
   return static_cast<std::uint32_t>(size_++);
 }
 
 char* Builder::Arena::allocate(std::size_t size, std::size_t align) {
-  constexpr std::size_t kBlock = Block::kSize;
+  constexpr std::size_t kBlock = 1 << 20;
   if (size > kBlock / 4) {  // a block of its own; the current block stays open
     large_.push_back(std::make_unique_for_overwrite<char[]>(size));
     return large_.back().get();
   }
   std::size_t pad = next_ ? (align - reinterpret_cast<std::uintptr_t>(next_) % align) % align : 0;
   if (!next_ || pad + size > left_) {
-    blocks_.emplace_back();
+    blocks_.push_back(std::make_unique_for_overwrite<char[]>(kBlock));
     next_ = blocks_.back().get();
     left_ = kBlock;
     pad = 0;

@@ -21,7 +21,6 @@
 #include <string>
 #include <string_view>
 #include <unordered_map>
-#include <utility>
 #include <vector>
 
 #include "platform/result.h"
@@ -130,32 +129,17 @@ class Builder {
     std::string_view bytes() const { return {reinterpret_cast<const char*>(a), static_cast<std::size_t>(n())}; }
   };
   // Objects in blocks that never move: no copying as it grows, and no room held beyond one block.
-  // A block of 2 MB, mapped on its own and asking for huge pages: the builder fills hundreds of
-  // megabytes once, and touching them a 4 KB page at a time costs a fault per page.
-  class Block {
-   public:
-    static constexpr std::size_t kSize = std::size_t{1} << 21;
-    Block();
-    ~Block();
-    Block(Block&& o) noexcept : p_(std::exchange(o.p_, nullptr)) {}
-    Block& operator=(Block&&) = delete;
-    char* get() const { return p_; }
-
-   private:
-    char* p_;
-  };
   class Objects {
    public:
-    Obj& operator[](std::size_t i) { return starts_[i >> kShift][i & kMask]; }
-    const Obj& operator[](std::size_t i) const { return starts_[i >> kShift][i & kMask]; }
+    Obj& operator[](std::size_t i) { return blocks_[i >> kShift][i & kMask]; }
+    const Obj& operator[](std::size_t i) const { return blocks_[i >> kShift][i & kMask]; }
     std::size_t size() const { return size_; }
     std::uint32_t push(const Obj& o);
 
    private:
-    static constexpr unsigned kShift = 17;  // a Block of Obj
+    static constexpr unsigned kShift = 16;
     static constexpr std::size_t kMask = (std::size_t{1} << kShift) - 1;
-    std::vector<Block> blocks_;
-    std::vector<Obj*> starts_;
+    std::vector<std::unique_ptr<Obj[]>> blocks_;
     std::size_t size_ = 0;
   };
   // Owns the bytes of strings and data and the references of containers (large blocks, never moved).
@@ -165,8 +149,7 @@ class Builder {
     std::string_view copy(std::string_view bytes);
 
    private:
-    std::vector<Block> blocks_;
-    std::vector<std::unique_ptr<char[]>> large_;
+    std::vector<std::unique_ptr<char[]>> blocks_, large_;
     char* next_ = nullptr;
     std::size_t left_ = 0;
   };
