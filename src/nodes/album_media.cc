@@ -32,20 +32,21 @@ struct Member {
   std::string unreadable;   // why the stored record could not be read, logged in the members' order
 };
 
-// Reads the plan's albums on a worker thread, in the plan's order and without stopping at the end of
-// an album, and converts the members on both threads: the worker converts whenever enough members
-// wait, the archiving thread converts the member it needs next whenever that one is not ready yet,
-// instead of waiting. Decoding the stored records is most of an import's work, so it is shared
-// between the cores while the archive is written.
+// Reads the albums of a plan on a worker thread, in the plan's order and without stopping at the end
+// of an album (a list of another plan moves it to that plan), and converts the members on both
+// threads: the worker converts whenever enough members wait, the archiving thread converts the first
+// unclaimed member whenever the one it needs next is not ready yet, instead of waiting. Decoding the
+// stored records is most of an import's work, so it is shared between the cores while the archive is
+// written.
 //
 // Members are claimed for conversion in the order they were read (the claimed ones are always the
 // first of the window); the archiving thread takes them in that order and logs unreadable records
 // then, so the log keeps the store's order. Only the worker touches the store. At most kWindow members
 // are in memory; the worker also frees the spent ones (memory goes back to the allocator it mostly
-// came from). Lives for one archiving run.
+// came from). One per archiving run, so one worker reads the store whatever lists the archive holds.
 class MediaReader {
  public:
-  explicit MediaReader(std::shared_ptr<const MediaPlan> plan) : plan_(std::move(plan)) {}
+  MediaReader() = default;
   ~MediaReader() {
     {
       std::lock_guard lock(mutex_);
@@ -57,17 +58,19 @@ class MediaReader {
   MediaReader(const MediaReader&) = delete;
   MediaReader& operator=(const MediaReader&) = delete;
 
-  // Makes the album at `place` the one whose members next() hands out.
-  void open(std::size_t place) {
+  // Makes the album at `place` in `plan` the one whose members next() hands out.
+  void open(const std::shared_ptr<const MediaPlan>& plan, std::size_t place) {
     std::unique_lock lock(mutex_);
     if (current_) spent_.push_back(std::move(current_));
     open_ = place;
+    const bool same_plan = plan == (wanted_ != kNone ? wanted_plan_ : plan_);
     // Members of albums before this one were never asked for: dropped (read again if ever asked).
-    while (!window_.empty() && window_.front()->place < place) pop_front();
-    const bool ready = window_.empty() ? started_ && reading_ == place && wanted_ == kNone
-                                       : window_.front()->place == place;
+    while (same_plan && !window_.empty() && window_.front()->place < place) pop_front();
+    const bool ready = same_plan && (window_.empty() ? started_ && reading_ == place && wanted_ == kNone
+                                                     : window_.front()->place == place);
     if (!ready) {  // the worker is past this album, or elsewhere: it drops what it read and reads this one
       while (!window_.empty()) pop_front();
+      wanted_plan_ = plan;
       wanted_ = place;
       wake_worker();
     }
@@ -177,13 +180,15 @@ class MediaReader {
       }
       if (stop_) return;
       if (wanted_ != kNone) {
+        plan_ = std::move(wanted_plan_);
         reading_ = wanted_;
         wanted_ = kNone;
       }
-      if (reading_ < plan_->size()) {
+      if (plan_ && reading_ < plan_->size()) {
         const std::size_t place = reading_;
+        Ref<ImageList> album = plan_->album(place);
         lock.unlock();
-        read_album(place, spent);
+        read_album(place, album, spent);
         lock.lock();
         if (wanted_ == kNone && reading_ == place) reading_ = place + 1;
         continue;
@@ -199,8 +204,7 @@ class MediaReader {
 
   // Reads the album's rows into the window, then its end marker, unless told to stop or to read
   // another album meanwhile.
-  void read_album(std::size_t place, std::deque<std::unique_ptr<Member>>& spent) {
-    Ref<ImageList> album = plan_->album(place);
+  void read_album(std::size_t place, const Ref<ImageList>& album, std::deque<std::unique_ptr<Member>>& spent) {
     const CoreDataStore* store = album->context().get();
     auto leaving = [&] { return stop_ || wanted_ != kNone; };
     try {
@@ -243,7 +247,7 @@ class MediaReader {
     wake_main();
   }
 
-  const std::shared_ptr<const MediaPlan> plan_;
+  std::shared_ptr<const MediaPlan> plan_, wanted_plan_;  // the plan read; the one to read next when asked
   std::mutex mutex_;
   std::condition_variable main_cv_, worker_cv_;
   std::deque<std::unique_ptr<Member>> window_, spent_;  // window_: read, not yet taken, in order
@@ -292,10 +296,11 @@ void AlbumMediaList::encode_with_coder(KeyedEncoder& coder) const {
       convert_each(sink);
       return;
     }
-    // One reader per plan and archiving run, shared by the plan's lists.
+    // One reader per archiving run (one worker touching the store), shared by every list it writes.
+    static const char kReaderKey = 0;
     auto reader = std::static_pointer_cast<MediaReader>(
-        coder.run_state(plan_.get(), [this] { return std::make_shared<MediaReader>(plan_); }));
-    reader->open(place_);
+        coder.run_state(&kReaderKey, [] { return std::make_shared<MediaReader>(); }));
+    reader->open(plan_, place_);
     while (Member* m = reader->next()) {
       if (!m->unreadable.empty())
         NSLog("Unreadable media record %@: %@", album_->context()->object_uri(m->entity, m->primary_key), m->unreadable);

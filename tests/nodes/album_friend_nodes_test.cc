@@ -176,9 +176,15 @@ TEST_F(AlbumFriendNodes, AlbumsOfOneReplyReadAheadInTheirOrderAndInAnyOther) {
     ASSERT_NE(node, nullptr);
     lists.push_back(static_cast<MQImporterNodeAlbum*>(node.get())->items);
   }
-  auto again = albumNodeFromItem(*entry(kFolderAlbumsIdentifier, "A", album_id(album_uri(albums[3]))), *ctx);
-  lists.push_back(static_cast<MQImporterNodeAlbum*>(again.get())->items);
-  auto album_of = [&](std::size_t list) { return list < sizes.size() ? list : std::size_t{3}; };
+  std::vector<std::size_t> album_of = {0, 1, 2, 3, 4, 5};
+  // A second list of album 3, then lists of albums 5 and 0 made through another context (another plan).
+  auto other = context(account(ann));
+  for (auto [a, c] : {std::pair{std::size_t{3}, ctx.get()}, {std::size_t{5}, other.get()}, {std::size_t{0}, other.get()}}) {
+    auto node = albumNodeFromItem(*entry(kFolderAlbumsIdentifier, "A", album_id(album_uri(albums[a]))), *c);
+    ASSERT_NE(node, nullptr);
+    lists.push_back(static_cast<MQImporterNodeAlbum*>(node.get())->items);
+    album_of.push_back(a);
+  }
 
   const std::vector<std::vector<std::size_t>> orders = {
       {0, 1, 2, 3, 4, 5, 6},  // as made
@@ -186,6 +192,7 @@ TEST_F(AlbumFriendNodes, AlbumsOfOneReplyReadAheadInTheirOrderAndInAnyOther) {
       {3, 0, 6, 5},           // skipping some, one album twice
       {2, 4},                 // small ones only, leaving the rest unread
       {6, 3, 1, 1, 0},        // the same list twice in one archive: written once
+      {7, 0, 8, 5, 6},        // two plans taking turns
   };
   for (const auto& order : orders) {
     for (int run = 0; run < 2; ++run) {  // each archive twice
@@ -200,7 +207,7 @@ TEST_F(AlbumFriendNodes, AlbumsOfOneReplyReadAheadInTheirOrderAndInAnyOther) {
       std::vector<std::string> expected_lines;
       std::vector<std::size_t> seen;
       for (std::size_t k = 0; k < order.size(); ++k) {
-        const std::size_t a = album_of(order[k]);
+        const std::size_t a = album_of[order[k]];
         const Array* media = as_array(top->at(k).get());
         ASSERT_NE(media, nullptr);
         std::vector<std::string> got;
