@@ -517,30 +517,47 @@ std::uint32_t Builder::add_string(std::string_view s) {
 
 std::uint32_t Builder::add_data(std::string_view d) { return add_bytes(datas_, d, Type::Data, false); }
 
-std::uint32_t Builder::add_int(std::int64_t v) {
-  auto [it, inserted] = ints_.try_emplace(static_cast<std::uint64_t>(v), 0);
-  if (inserted) it->second = push(scalar(Type::Int, 0, static_cast<std::uint64_t>(v)));
-  return it->second;
+std::uint32_t Builder::add_scalar(ScalarTable& t, Type type, std::uint8_t flag, std::uint64_t bits) {
+  using Slot = ScalarTable::Slot;
+  auto place = [](std::uint64_t x) {  // a 64-bit mix: patterns of nearby numbers spread over the table
+    x ^= x >> 33;
+    x *= 0xff51afd7ed558ccdULL;
+    x ^= x >> 33;
+    return static_cast<std::size_t>(x);
+  };
+  if ((t.used + 1) * 4 > t.slots.size() * 3) {
+    std::vector<Slot> grown(t.slots.size() * 2);
+    const std::size_t mask = grown.size() - 1;
+    for (const Slot& slot : t.slots) {
+      if (!slot.index_plus_one) continue;
+      std::size_t i = place(slot.bits) & mask;
+      while (grown[i].index_plus_one) i = (i + 1) & mask;
+      grown[i] = slot;
+    }
+    t.slots.swap(grown);
+  }
+  const std::size_t mask = t.slots.size() - 1;
+  std::size_t i = place(bits) & mask;
+  while (std::uint32_t v = t.slots[i].index_plus_one) {
+    if (t.slots[i].bits == bits) return v - 1;
+    i = (i + 1) & mask;
+  }
+  const std::uint32_t index = push(scalar(type, flag, bits));
+  t.slots[i] = Slot{bits, index + 1};
+  ++t.used;
+  return index;
 }
+
+std::uint32_t Builder::add_int(std::int64_t v) { return add_scalar(ints_, Type::Int, 0, static_cast<std::uint64_t>(v)); }
 
 std::uint32_t Builder::add_uint(std::uint64_t v) {
   if (v <= static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max())) return add_int(static_cast<std::int64_t>(v));
-  auto [it, inserted] = uints_.try_emplace(v, 0);
-  if (inserted) it->second = push(scalar(Type::Int, 1, v));
-  return it->second;
+  return add_scalar(uints_, Type::Int, 1, v);
 }
 
-std::uint32_t Builder::add_real(double v) {
-  auto [it, inserted] = reals_.try_emplace(double_to_bits(v), 0);
-  if (inserted) it->second = push(scalar(Type::Real, 0, double_to_bits(v)));
-  return it->second;
-}
+std::uint32_t Builder::add_real(double v) { return add_scalar(reals_, Type::Real, 0, double_to_bits(v)); }
 
-std::uint32_t Builder::add_date(double v) {
-  auto [it, inserted] = dates_.try_emplace(double_to_bits(v), 0);
-  if (inserted) it->second = push(scalar(Type::Date, 0, double_to_bits(v)));
-  return it->second;
-}
+std::uint32_t Builder::add_date(double v) { return add_scalar(dates_, Type::Date, 0, double_to_bits(v)); }
 
 std::uint32_t Builder::add_bool(bool v) {
   std::uint32_t& slot = bools_[v ? 1 : 0];

@@ -173,7 +173,17 @@ class Builder {
   Objects objects_;
   Arena arena_;
   BytesTable strings_, datas_;
-  std::unordered_map<std::uint64_t, std::uint32_t> ints_, reals_, dates_, uints_;
+  // Open-addressing table of scalars already added, by their 64-bit pattern: pattern -> index.
+  struct ScalarTable {
+    struct Slot {
+      std::uint64_t bits = 0;
+      std::uint32_t index_plus_one = 0;
+    };
+    std::vector<Slot> slots = std::vector<Slot>(64);
+    std::size_t used = 0;
+  };
+  std::uint32_t add_scalar(ScalarTable& table, Type type, std::uint8_t flag, std::uint64_t bits);
+  ScalarTable ints_, reals_, dates_, uints_;
   std::vector<std::uint32_t> uids_;  // uid value -> index + 1
   std::uint32_t bools_[2] = {0, 0}, null_ = 0;
 };
