@@ -1,5 +1,6 @@
 #include "nodes/album_media.h"
 
+#include <atomic>
 #include <condition_variable>
 #include <cstdint>
 #include <deque>
@@ -60,7 +61,7 @@ class MediaReader {
 
   // Makes the album at `place` in `plan` the one whose members next() hands out.
   void open(const std::shared_ptr<const MediaPlan>& plan, std::size_t place) {
-    std::unique_lock lock(mutex_);
+    std::unique_lock lock = take_lock();
     if (current_) spent_.push_back(std::move(current_));
     open_ = place;
     const bool same_plan = plan == (wanted_ != kNone ? wanted_plan_ : plan_);
@@ -82,7 +83,7 @@ class MediaReader {
 
   // The next member of the open album, converted; null at its end. Valid until the next call.
   Member* next() {
-    std::unique_lock lock(mutex_);
+    std::unique_lock lock = take_lock();
     if (current_) spent_.push_back(std::move(current_));
     for (;;) {
       if (!window_.empty()) {
@@ -102,9 +103,7 @@ class MediaReader {
         // (the one it needs, or one the worker would convert next).
         if (convert_one(lock)) continue;
       }
-      main_waiting_ = true;
-      main_cv_.wait(lock);
-      main_waiting_ = false;
+      wait_for_change(lock, main_cv_, main_waiting_);
     }
   }
 
@@ -112,12 +111,43 @@ class MediaReader {
   static constexpr std::size_t kWindow = 256;
   static constexpr std::size_t kReadAhead = 8;  // unclaimed members the worker keeps ready to share
   static constexpr std::size_t kNone = SIZE_MAX;
+  static constexpr int kSpins = 64, kWaitSpins = 4000;  // pauses: about 2 and 20-40 microseconds
 
   void wake_worker() {
+    changes_.fetch_add(1, std::memory_order_release);
     if (worker_waiting_) worker_cv_.notify_one();
   }
   void wake_main() {
+    changes_.fetch_add(1, std::memory_order_release);
     if (main_waiting_) main_cv_.notify_one();
+  }
+  // The lock, taken after a short spin: it is held for a few instructions at a time, and a thread
+  // that sleeps on it pays a round trip through the kernel.
+  std::unique_lock<std::mutex> take_lock() {
+    std::unique_lock lock(mutex_, std::defer_lock);
+    for (int i = 0; i < kSpins; ++i) {
+      if (lock.try_lock()) return lock;
+      spin_pause();
+    }
+    lock.lock();
+    return lock;
+  }
+  // Waits until the other thread changes something: first spinning without the lock for about as long
+  // as a conversion takes, then asleep on `cv` with `waiting` set.
+  void wait_for_change(std::unique_lock<std::mutex>& lock, std::condition_variable& cv, bool& waiting) {
+    const std::uint64_t seen = changes_.load(std::memory_order_acquire);
+    lock.unlock();
+    for (int i = 0; i < kWaitSpins && changes_.load(std::memory_order_acquire) == seen; ++i) spin_pause();
+    lock = take_lock();
+    if (changes_.load(std::memory_order_acquire) != seen || stop_) return;
+    waiting = true;
+    cv.wait(lock);
+    waiting = false;
+  }
+  static void spin_pause() {
+#if defined(__x86_64__) || defined(__i386__)
+    __builtin_ia32_pause();
+#endif
   }
   // Drops the first member of the window (it may still be being converted by the worker, which will
   // mark it done before freeing it with the spent ones).
@@ -144,7 +174,7 @@ class MediaReader {
       m->media = nullptr;
       m->unreadable = e.what();
     }
-    lock.lock();
+    lock = take_lock();
     m->converted = true;
     wake_main();
   }
@@ -194,11 +224,7 @@ class MediaReader {
         continue;
       }
       // Nothing more to read: convert what waits, else sleep until asked for an album again.
-      if (!convert_one(lock)) {
-        worker_waiting_ = true;
-        worker_cv_.wait(lock);
-        worker_waiting_ = false;
-      }
+      if (!convert_one(lock)) wait_for_change(lock, worker_cv_, worker_waiting_);
     }
   }
 
@@ -216,13 +242,9 @@ class MediaReader {
         m->has_dictionary = row.has_dictionary;
         m->entity = row.entity;
         m->primary_key = row.primary_key;
-        std::unique_lock lock(mutex_);
+        std::unique_lock lock = take_lock();
         while (window_.size() >= kWindow && !leaving()) {
-          if (!convert_one(lock)) {
-            worker_waiting_ = true;
-            worker_cv_.wait(lock);
-            worker_waiting_ = false;
-          }
+          if (!convert_one(lock)) wait_for_change(lock, worker_cv_, worker_waiting_);
         }
         if (leaving()) return false;
         window_.push_back(std::move(m));
@@ -255,6 +277,7 @@ class MediaReader {
   std::size_t claimed_ = 0;                             // the first claimed_ members of the window are claimed
   std::size_t open_ = kNone, reading_ = 0, wanted_ = kNone;
   bool started_ = false, stop_ = false, main_waiting_ = false, worker_waiting_ = false;
+  std::atomic<std::uint64_t> changes_{0};  // counts changes the other thread may wait for
   std::thread worker_;
 };
 
