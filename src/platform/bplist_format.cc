@@ -1,8 +1,12 @@
 #include "platform/bplist_format.h"
 
 #include <algorithm>
+#include <atomic>
+#include <condition_variable>
 #include <cstring>
 #include <limits>
+#include <mutex>
+#include <thread>
 
 #include <fmt/format.h>
 
@@ -685,37 +689,100 @@ char* store_refs(char* p, const std::uint32_t* refs, std::uint64_t n) {
 
 namespace {
 
-// Collects pieces in a buffer and hands them on a megabyte at a time.
+// Collects pieces in a buffer and hands them on a megabyte at a time. For a large file the sink gets
+// them on a thread of their own, so that making the next piece overlaps handing on (writing to a file
+// or a memory file) the last one; the sink still gets every piece in order, one call at a time.
 class PieceWriter {
  public:
   static constexpr std::size_t kCapacity = 1 << 20;
-  explicit PieceWriter(Builder::Sink& sink) : sink_(sink), buffer_(std::make_unique_for_overwrite<char[]>(kCapacity)) {}
+  PieceWriter(Builder::Sink& sink, bool in_background)
+      : sink_(sink), buffer_(std::make_unique_for_overwrite<char[]>(kCapacity)) {
+    if (in_background) {
+      spare_ = std::make_unique_for_overwrite<char[]>(kCapacity);
+      thread_ = std::thread([this] { hand_on(); });
+    }
+  }
+  ~PieceWriter() { stop(); }
+  PieceWriter(const PieceWriter&) = delete;
+  PieceWriter& operator=(const PieceWriter&) = delete;
+
   // Room for n <= kCapacity bytes; commit() says where the writing ended.
   char* room(std::size_t n) {
     if (used_ + n > kCapacity) flush();
     return buffer_.get() + used_;
   }
   void commit(const char* end) { used_ = static_cast<std::size_t>(end - buffer_.get()); }
-  // Bytes too large for the buffer, handed on directly.
+  // Bytes too large for the buffer, handed on directly (after everything before them).
   void put_direct(std::string_view bytes) {
     flush();
-    if (ok_ && !bytes.empty()) ok_ = sink_.put(bytes);
+    drain();
+    if (ok() && !bytes.empty() && !sink_.put(bytes)) failed_ = true;
   }
   bool finish() {
     flush();
-    return ok_;
+    stop();
+    return ok();
   }
-  bool ok() const { return ok_; }
+  bool ok() const { return !failed_; }
 
  private:
   void flush() {
-    if (used_ && ok_) ok_ = sink_.put(std::string_view(buffer_.get(), used_));
+    if (!used_) return;
+    if (!thread_.joinable()) {
+      if (ok() && !sink_.put(std::string_view(buffer_.get(), used_))) failed_ = true;
+      used_ = 0;
+      return;
+    }
+    std::unique_lock lock(mutex_);
+    changed_.wait(lock, [&] { return spare_ != nullptr; });  // the last piece was handed on
+    pending_ = std::move(buffer_);
+    pending_size_ = used_;
+    buffer_ = std::move(spare_);
     used_ = 0;
+    changed_.notify_all();
   }
+  // Waits until every piece given to the thread has been handed on.
+  void drain() {
+    if (!thread_.joinable()) return;
+    std::unique_lock lock(mutex_);
+    changed_.wait(lock, [&] { return spare_ != nullptr; });
+  }
+  void stop() {
+    if (!thread_.joinable()) return;
+    drain();
+    {
+      std::lock_guard lock(mutex_);
+      stopping_ = true;
+    }
+    changed_.notify_all();
+    thread_.join();
+  }
+  void hand_on() {
+    std::unique_lock lock(mutex_);
+    for (;;) {
+      changed_.wait(lock, [&] { return pending_ != nullptr || stopping_; });
+      if (!pending_) return;
+      std::unique_ptr<char[]> piece = std::move(pending_);
+      const std::size_t size = pending_size_;
+      lock.unlock();
+      if (ok() && !sink_.put(std::string_view(piece.get(), size))) failed_ = true;
+      lock.lock();
+      spare_ = std::move(piece);
+      changed_.notify_all();
+    }
+  }
+
   Builder::Sink& sink_;
-  std::unique_ptr<char[]> buffer_;
+  std::unique_ptr<char[]> buffer_;  // being filled
   std::size_t used_ = 0;
-  bool ok_ = true;
+  std::atomic<bool> failed_{false};
+  // With a thread: the piece it hands on (null when none), and the buffer to fill next.
+  std::mutex mutex_;
+  std::condition_variable changed_;
+  std::unique_ptr<char[]> pending_, spare_;
+  std::size_t pending_size_ = 0;
+  bool stopping_ = false;
+  std::thread thread_;  // last: starts once the members above exist
 };
 
 class StringSink final : public Builder::Sink {
@@ -749,8 +816,9 @@ bool Builder::write_to(std::uint32_t top, Sink& sink) const {
   std::uint64_t objects_end = 8;
   for (std::uint64_t i = 0; i < count; ++i) objects_end += encoded_size(objects_[i], ref_size);
   const unsigned offset_size = size_for(objects_end);
-  sink.expect(objects_end + count * offset_size + 32);
-  PieceWriter w(sink);
+  const std::uint64_t total = objects_end + count * offset_size + 32;
+  sink.expect(total);
+  PieceWriter w(sink, total > 8 * PieceWriter::kCapacity);
   char* p = w.room(8);
   std::memcpy(p, "bplist00", 8);
   w.commit(p + 8);

@@ -292,51 +292,55 @@ TEST(BinaryPlist, OffsetsStayRightForStringsOfEveryShape) {
 }
 
 TEST(BinaryPlist, WritingInPiecesGivesTheSameBytes) {
-  // Objects larger than a piece (strings, data, a container's references) cross piece boundaries.
-  struct Pieces final : bplist::Builder::Sink {
-    std::string bytes;
-    std::uint64_t expected = 0;
-    std::size_t count = 0;
-    void expect(std::uint64_t total) override { expected = total; }
-    bool put(std::string_view piece) override {
-      bytes.append(piece);
-      ++count;
-      return true;
-    }
-  };
-  bplist::Builder b;
-  std::vector<std::uint32_t> refs;
-  refs.push_back(b.add_string(std::string(3 << 20, 'a')));
-  refs.push_back(b.add_string(std::string(1 << 19, 'b') + "é"));
-  refs.push_back(b.add_data(std::string((1 << 20) + 1, '\x7f')));
-  for (int i = 0; i < 70000; ++i) refs.push_back(b.add_int(i));
-  std::vector<std::uint32_t> many(600000, refs[1]);  // 2.4 MB of references
-  const std::uint32_t big = b.reserve();
-  b.set_array(big, many.data(), many.size());
-  refs.push_back(big);
-  const std::uint32_t top = b.reserve();
-  b.set_array(top, refs.data(), refs.size());
+  // Objects larger than a piece (strings, data, a container's references) cross piece boundaries. A
+  // large file's pieces are handed on by a thread of their own: the sink must see the same bytes.
+  for (const std::size_t first : {std::size_t{3} << 20, std::size_t{12} << 20}) {
+    SCOPED_TRACE(first);
+    struct Pieces final : bplist::Builder::Sink {
+      std::string bytes;
+      std::uint64_t expected = 0;
+      std::size_t count = 0;
+      void expect(std::uint64_t total) override { expected = total; }
+      bool put(std::string_view piece) override {
+        bytes.append(piece);
+        ++count;
+        return true;
+      }
+    };
+    bplist::Builder b;
+    std::vector<std::uint32_t> refs;
+    refs.push_back(b.add_string(std::string(first, 'a')));
+    refs.push_back(b.add_string(std::string(1 << 19, 'b') + "é"));
+    refs.push_back(b.add_data(std::string((1 << 20) + 1, '\x7f')));
+    for (int i = 0; i < 70000; ++i) refs.push_back(b.add_int(i));
+    std::vector<std::uint32_t> many(600000, refs[1]);  // 2.4 MB of references
+    const std::uint32_t big = b.reserve();
+    b.set_array(big, many.data(), many.size());
+    refs.push_back(big);
+    const std::uint32_t top = b.reserve();
+    b.set_array(top, refs.data(), refs.size());
 
-  const std::string whole = b.write(top);
-  Pieces pieces;
-  ASSERT_TRUE(b.write_to(top, pieces));
-  EXPECT_EQ(pieces.expected, whole.size());
-  EXPECT_GT(pieces.count, 5u);
-  EXPECT_TRUE(pieces.bytes == whole);
-  auto back = read_binary_plist(whole);
-  ASSERT_TRUE(back.ok()) << back.error().message;
-  const Array* a = as_array(back.value().get());
-  ASSERT_EQ(a->size(), refs.size());
-  EXPECT_EQ(as_array(a->at(a->size() - 1).get())->size(), many.size());
-  EXPECT_EQ(text_of(a->at(1).get()).size(), (1u << 19) + 2);
+    const std::string whole = b.write(top);
+    Pieces pieces;
+    ASSERT_TRUE(b.write_to(top, pieces));
+    EXPECT_EQ(pieces.expected, whole.size());
+    EXPECT_GT(pieces.count, 5u);
+    EXPECT_TRUE(pieces.bytes == whole);
+    auto back = read_binary_plist(whole);
+    ASSERT_TRUE(back.ok()) << back.error().message;
+    const Array* a = as_array(back.value().get());
+    ASSERT_EQ(a->size(), refs.size());
+    EXPECT_EQ(as_array(a->at(a->size() - 1).get())->size(), many.size());
+    EXPECT_EQ(text_of(a->at(1).get()).size(), (1u << 19) + 2);
 
-  // A sink that refuses stops the writing.
-  struct Refusing final : bplist::Builder::Sink {
-    int calls = 0;
-    bool put(std::string_view) override { return ++calls < 2; }
-  } refusing;
-  EXPECT_FALSE(b.write_to(top, refusing));
-  EXPECT_EQ(refusing.calls, 2);
+    // A sink that refuses stops the writing.
+    struct Refusing final : bplist::Builder::Sink {
+      int calls = 0;
+      bool put(std::string_view) override { return ++calls < 2; }
+    } refusing;
+    EXPECT_FALSE(b.write_to(top, refusing));
+    EXPECT_EQ(refusing.calls, 2);
+  }
 }
 
 }  // namespace
