@@ -88,7 +88,8 @@ class MediaReader {
     for (;;) {
       if (!window_.empty()) {
         Member* front = window_.front().get();
-        if (front->end || front->place != open_) {  // (another album's member cannot come first: the end marker does)
+        // The album's end (another album's member cannot come first: the end marker comes before it).
+        if (front->end || front->place != open_) {
           if (front->place == open_) pop_front();
           return nullptr;
         }
@@ -299,7 +300,8 @@ Ref<ImageList> MediaPlan::album(std::size_t place) const {
   return albums_[place];
 }
 
-AlbumMediaList::AlbumMediaList(Ref<ImageList> album) : AlbumMediaList(std::move(album), std::make_shared<MediaPlan>()) {}
+AlbumMediaList::AlbumMediaList(Ref<ImageList> album)
+    : AlbumMediaList(std::move(album), std::make_shared<MediaPlan>()) {}
 
 AlbumMediaList::AlbumMediaList(Ref<ImageList> album, std::shared_ptr<MediaPlan> plan)
     : album_(std::move(album)), plan_(std::move(plan)) {
@@ -326,7 +328,8 @@ void AlbumMediaList::encode_with_coder(KeyedEncoder& coder) const {
     reader->open(plan_, place_);
     while (Member* m = reader->next()) {
       if (!m->unreadable.empty())
-        NSLog("Unreadable media record %@: %@", album_->context()->object_uri(m->entity, m->primary_key), m->unreadable);
+        NSLog("Unreadable media record %@: %@", album_->context()->object_uri(m->entity, m->primary_key),
+              m->unreadable);
       sink(m->media);
       // Still held (the archiver writes deep parts of it at the end): it lives on with the request.
       if (m->media && m->media->ref_count() > 1) {

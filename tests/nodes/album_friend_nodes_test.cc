@@ -163,8 +163,10 @@ TEST_F(AlbumFriendNodes, AlbumsOfOneReplyReadAheadInTheirOrderAndInAnyOther) {
     for (int i = 0; i < sizes[a]; ++i) {
       const std::string id = std::to_string(a) + "." + std::to_string(i);
       const bool damaged = i % 11 == 4;
-      const std::int64_t key = s.add_image(albums[a], damaged ? std::optional<std::string>("damaged " + id)
-                                                              : media_archive(*older_media(id, "https://ig.example/p/" + id)));
+      const std::optional<std::string> bytes =
+          damaged ? std::optional<std::string>("damaged " + id)
+                  : media_archive(*older_media(id, "https://ig.example/p/" + id));
+      const std::int64_t key = s.add_image(albums[a], bytes);
       ids[a].push_back(damaged ? "" : id);
       if (damaged) unreadable[a].push_back(s.uri(Store::kImageItem, key));
     }
@@ -179,7 +181,8 @@ TEST_F(AlbumFriendNodes, AlbumsOfOneReplyReadAheadInTheirOrderAndInAnyOther) {
   std::vector<std::size_t> album_of = {0, 1, 2, 3, 4, 5};
   // A second list of album 3, then lists of albums 5 and 0 made through another context (another plan).
   auto other = context(account(ann));
-  for (auto [a, c] : {std::pair{std::size_t{3}, ctx.get()}, {std::size_t{5}, other.get()}, {std::size_t{0}, other.get()}}) {
+  const std::pair<std::size_t, MQImporterContext*> more[] = {{3, ctx.get()}, {5, other.get()}, {0, other.get()}};
+  for (auto [a, c] : more) {
     auto node = albumNodeFromItem(*entry(kFolderAlbumsIdentifier, "A", album_id(album_uri(albums[a]))), *c);
     ASSERT_NE(node, nullptr);
     lists.push_back(static_cast<MQImporterNodeAlbum*>(node.get())->items);
