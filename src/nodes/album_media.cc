@@ -28,6 +28,7 @@ struct Member {
   bool has_dictionary = false;
   std::int64_t entity = 0, primary_key = 0;
   bool converted = false;
+  bool converted_by_worker = false;
   std::unique_ptr<Heap> heap;
   Ref<Dictionary> media;    // released before its heap ends
   std::string unreadable;   // why the stored record could not be read, logged in the members' order
@@ -43,8 +44,8 @@ struct Member {
 // Members are claimed for conversion in the order they were read (the claimed ones are always the
 // first of the window); the archiving thread takes them in that order and logs unreadable records
 // then, so the log keeps the store's order. Only the worker touches the store. At most kWindow members
-// are in memory; the worker also frees the spent ones (memory goes back to the allocator it mostly
-// came from). One per archiving run, so one worker reads the store whatever lists the archive holds.
+// are in memory; each thread frees what it made of the spent ones (so memory goes back to the arena
+// of the allocator it came from). One per archiving run, so one worker reads the store whatever lists the archive holds.
 class MediaReader {
  public:
   MediaReader() = default;
@@ -83,6 +84,12 @@ class MediaReader {
 
   // The next member of the open album, converted; null at its end. Valid until the next call.
   Member* next() {
+    // What this thread converted, it frees: memory goes back to the allocator's arena it came from
+    // without taking the lock of the other thread's arena (the two threads would contend for it).
+    if (current_ && !current_->converted_by_worker) {
+      current_->media = nullptr;
+      current_->heap.reset();
+    }
     std::unique_lock lock = take_lock();
     if (current_) spent_.push_back(std::move(current_));
     for (;;) {
@@ -168,6 +175,7 @@ class MediaReader {
   }
   // Converts a claimed member with the lock let go meanwhile.
   void convert_claimed(std::unique_lock<std::mutex>& lock, Member* m) {
+    m->converted_by_worker = std::this_thread::get_id() == worker_.get_id();
     lock.unlock();
     try {
       convert(*m);
