@@ -11,41 +11,36 @@
 namespace orvia {
 namespace {
 
-template <class T>
-Ref<T> kept(Ref<T> constant) {
-  constant->make_immortal();
-  return constant;
-}
-
 // Keys and constant values are immutable, untracked objects shared by every conversion: the
 // conversion runs once per stored media item (hundreds of thousands in a large store), on two threads
 // at once, so they are immortal (no count changes on every use).
 struct Constants {
-  Ref<String> taken_at = kept(str("taken_at")), id = kept(str("id")), pk = kept(str("pk")),
-              device_timestamp = kept(str("device_timestamp")), media_type = kept(str("media_type")),
-              code = kept(str("code")), filter_type = kept(str("filter_type")),
-              image_versions2 = kept(str("image_versions2")), candidates = kept(str("candidates")),
-              width = kept(str("width")), height = kept(str("height")), url = kept(str("url")),
-              original_width = kept(str("original_width")), original_height = kept(str("original_height")),
-              user = kept(str("user")), caption = kept(str("caption")), like_count = kept(str("like_count")),
-              has_liked = kept(str("has_liked")), likers = kept(str("likers")),
-              comment_likes_enabled = kept(str("comment_likes_enabled")),
-              comment_threading_enabled = kept(str("comment_threading_enabled")),
-              has_more_comments = kept(str("has_more_comments")),
-              max_num_visible_preview_comments = kept(str("max_num_visible_preview_comments")),
-              preview_comments = kept(str("preview_comments")), comment_count = kept(str("comment_count")),
-              photo_of_you = kept(str("photo_of_you")), can_viewer_save = kept(str("can_viewer_save")),
-              converted_from_orvia4 = kept(str("converted_from_orvia4")), username = kept(str("username")),
-              full_name = kept(str("full_name")), profile_pic_url = kept(str("profile_pic_url")),
-              is_private = kept(str("is_private")), user_id = kept(str("user_id")), text = kept(str("text")),
-              type = kept(str("type")), created_at = kept(str("created_at")),
-              created_at_utc = kept(str("created_at_utc")), content_type = kept(str("content_type")),
-              status = kept(str("status")), bit_flags = kept(str("bit_flags")),
-              did_report_as_spam = kept(str("did_report_as_spam")), media_id = kept(str("media_id")),
-              caption_is_edited = kept(str("caption_is_edited"));
-  Ref<String> comment = kept(str("comment")), active = kept(str("Active"));
-  Ref<Number> zero = kept(num(0)), one = kept(num(1)), two = kept(num(2)), n320 = kept(num(320)), n640 = kept(num(640));
-  Ref<Number> yes = kept(boolean(true)), no = kept(boolean(false));
+  Ref<String> taken_at = immortal(str("taken_at")), id = immortal(str("id")), pk = immortal(str("pk")),
+              device_timestamp = immortal(str("device_timestamp")), media_type = immortal(str("media_type")),
+              code = immortal(str("code")), filter_type = immortal(str("filter_type")),
+              image_versions2 = immortal(str("image_versions2")), candidates = immortal(str("candidates")),
+              width = immortal(str("width")), height = immortal(str("height")), url = immortal(str("url")),
+              original_width = immortal(str("original_width")), original_height = immortal(str("original_height")),
+              user = immortal(str("user")), caption = immortal(str("caption")),
+              like_count = immortal(str("like_count")), has_liked = immortal(str("has_liked")),
+              likers = immortal(str("likers")), comment_likes_enabled = immortal(str("comment_likes_enabled")),
+              comment_threading_enabled = immortal(str("comment_threading_enabled")),
+              has_more_comments = immortal(str("has_more_comments")),
+              max_num_visible_preview_comments = immortal(str("max_num_visible_preview_comments")),
+              preview_comments = immortal(str("preview_comments")), comment_count = immortal(str("comment_count")),
+              photo_of_you = immortal(str("photo_of_you")), can_viewer_save = immortal(str("can_viewer_save")),
+              converted_from_orvia4 = immortal(str("converted_from_orvia4")), username = immortal(str("username")),
+              full_name = immortal(str("full_name")), profile_pic_url = immortal(str("profile_pic_url")),
+              is_private = immortal(str("is_private")), user_id = immortal(str("user_id")),
+              text = immortal(str("text")), type = immortal(str("type")), created_at = immortal(str("created_at")),
+              created_at_utc = immortal(str("created_at_utc")), content_type = immortal(str("content_type")),
+              status = immortal(str("status")), bit_flags = immortal(str("bit_flags")),
+              did_report_as_spam = immortal(str("did_report_as_spam")), media_id = immortal(str("media_id")),
+              caption_is_edited = immortal(str("caption_is_edited"));
+  Ref<String> comment = immortal(str("comment")), active = immortal(str("Active"));
+  Ref<Number> zero = immortal(num(0)), one = immortal(num(1)), two = immortal(num(2)), n320 = immortal(num(320)),
+              n640 = immortal(num(640));
+  Ref<Number> yes = immortal(boolean(true)), no = immortal(boolean(false));
 };
 
 const Constants& k() {

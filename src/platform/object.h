@@ -150,8 +150,9 @@ T* immortal(T* obj) {
   return obj;
 }
 template <class T>
-T* immortal(const Ref<T>& obj) {
-  return immortal(obj.get());
+Ref<T> immortal(Ref<T> obj) {
+  obj->make_immortal();
+  return obj;
 }
 
 // Owner of the objects made while it is current; see the file comment.

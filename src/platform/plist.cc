@@ -32,7 +32,7 @@ Ref<String> string_from_libplist(std::string s) {
 
 // A UID outside a keyed archive is read the way the XML form writes it: {"CF$UID": n}.
 Ref<Object> uid_dictionary(std::uint64_t v) {
-  static String* const key = immortal(str("CF$UID"));  // one immutable key for every such dictionary
+  static String* const key = immortal(str("CF$UID")).get();  // one immutable key for every such dictionary
   auto d = make<Dictionary>(false);
   d->reserve(1);
   d->append(Ref<Object>(key), Number::from_uint(v));
