@@ -464,19 +464,29 @@ std::uint64_t hash_bytes(std::string_view s) {
 
 }  // namespace
 
+namespace {
+
+// Doubles an open-addressing table (linear probing, a power-of-two size) before it gets more than
+// three quarters full; `place` gives a slot's home position.
+template <class Slot, class Place>
+void grow_if_full(std::vector<Slot>& slots, std::size_t used, Place place) {
+  if ((used + 1) * 4 <= slots.size() * 3) return;
+  std::vector<Slot> grown(slots.size() * 2);
+  const std::size_t mask = grown.size() - 1;
+  for (const Slot& slot : slots) {
+    if (!slot.index_plus_one) continue;
+    std::size_t i = place(slot) & mask;
+    while (grown[i].index_plus_one) i = (i + 1) & mask;
+    grown[i] = slot;
+  }
+  slots.swap(grown);
+}
+
+}  // namespace
+
 std::uint32_t Builder::add_bytes(BytesTable& t, std::string_view bytes, Type type, bool ascii) {
   using Slot = BytesTable::Slot;
-  if ((t.used + 1) * 4 > t.slots.size() * 3) {
-    std::vector<Slot> grown(t.slots.size() * 2);
-    const std::size_t mask = grown.size() - 1;
-    for (const Slot& slot : t.slots) {
-      if (!slot.index_plus_one) continue;
-      std::size_t i = slot.hash & mask;
-      while (grown[i].index_plus_one) i = (i + 1) & mask;
-      grown[i] = slot;
-    }
-    t.slots.swap(grown);
-  }
+  grow_if_full(t.slots, t.used, [](const Slot& slot) { return std::size_t{slot.hash}; });
   const std::size_t mask = t.slots.size() - 1;
   // The low 32 bits of the hash place the slot and are kept in it, so growing needs no rehashing.
   const std::uint32_t tag = static_cast<std::uint32_t>(hash_bytes(bytes));
@@ -529,17 +539,7 @@ std::uint32_t Builder::add_scalar(ScalarTable& t, Type type, std::uint8_t flag, 
     x ^= x >> 33;
     return static_cast<std::size_t>(x);
   };
-  if ((t.used + 1) * 4 > t.slots.size() * 3) {
-    std::vector<Slot> grown(t.slots.size() * 2);
-    const std::size_t mask = grown.size() - 1;
-    for (const Slot& slot : t.slots) {
-      if (!slot.index_plus_one) continue;
-      std::size_t i = place(slot.bits) & mask;
-      while (grown[i].index_plus_one) i = (i + 1) & mask;
-      grown[i] = slot;
-    }
-    t.slots.swap(grown);
-  }
+  grow_if_full(t.slots, t.used, [&](const Slot& slot) { return place(slot.bits); });
   const std::size_t mask = t.slots.size() - 1;
   std::size_t i = place(bits) & mask;
   while (std::uint32_t v = t.slots[i].index_plus_one) {
