@@ -13,6 +13,7 @@
 
 #include "platform/description.h"
 #include "platform/log.h"
+#include "platform/queue.h"
 
 namespace orvia {
 namespace {
@@ -78,7 +79,10 @@ class MediaReader {
     }
     if (!started_) {
       started_ = true;
-      worker_ = std::thread([this] { run(); });
+      worker_ = std::thread([this] {
+        name_this_thread("orvia-media");
+        run();
+      });
     }
   }
 

@@ -10,34 +10,14 @@
 
 #include <fmt/format.h>
 
+#include "platform/queue.h"
+
 namespace orvia::bplist {
 namespace {
 
-constexpr std::size_t kTrailer = 32;
+using detail::be;
 
-inline std::uint64_t be(const unsigned char* p, unsigned n) {
-  switch (n) {
-    case 1:
-      return p[0];
-    case 2:
-      return (std::uint64_t(p[0]) << 8) | p[1];
-    case 4: {
-      std::uint32_t v;
-      std::memcpy(&v, p, 4);
-      return __builtin_bswap32(v);
-    }
-    case 8: {
-      std::uint64_t v;
-      std::memcpy(&v, p, 8);
-      return __builtin_bswap64(v);
-    }
-    default: {
-      std::uint64_t v = 0;
-      for (unsigned i = 0; i < n; ++i) v = (v << 8) | p[i];
-      return v;
-    }
-  }
-}
+constexpr std::size_t kTrailer = 32;
 
 inline double bits_to_double(std::uint64_t b) {
   double d;
@@ -200,30 +180,6 @@ Result<View> View::open(std::string_view bytes) {
   return v;
 }
 
-std::uint64_t View::offset(std::uint64_t index) const {
-  const auto* p = reinterpret_cast<const unsigned char*>(bytes_.data() + table_ + index * offset_size_);
-  return be(p, offset_size_);
-}
-
-std::optional<std::uint64_t> View::uid_at(std::uint64_t index) const {
-  if (index >= num_objects_) return std::nullopt;
-  const std::uint64_t o = offset(index);
-  const auto* b = reinterpret_cast<const unsigned char*>(bytes_.data());
-  const unsigned marker = b[o];
-  const unsigned n = (marker & 0xf) + 1;
-  if ((marker >> 4) != 0x8 || n > 8 || n > object_end_ - o - 1) return std::nullopt;
-  return be(b + o + 1, n);
-}
-
-std::optional<std::string_view> View::ascii_at(std::uint64_t index) const {
-  if (index >= num_objects_) return std::nullopt;
-  const std::uint64_t o = offset(index);
-  const unsigned marker = static_cast<unsigned char>(bytes_[o]);
-  const unsigned count = marker & 0xf;
-  if ((marker >> 4) != 0x5 || count == 0xf || count > object_end_ - o - 1) return std::nullopt;
-  return bytes_.substr(o + 1, count);
-}
-
 Result<Item> View::item(std::uint64_t index) const {
   if (index >= num_objects_) return Error{fmt::format("bplist: reference {} beyond the object count", index)};
   std::uint64_t o = offset(index);
@@ -329,10 +285,6 @@ Result<Item> View::item(std::uint64_t index) const {
     default:
       return Error{fmt::format("bplist: object {} has unknown marker 0x{:02x}", index, marker)};
   }
-}
-
-std::uint64_t View::ref_unchecked(const Item& c, std::uint64_t i) const {
-  return be(reinterpret_cast<const unsigned char*>(bytes_.data() + c.pos + i * ref_size_), ref_size_);
 }
 
 Result<std::uint64_t> View::ref(const Item& c, std::uint64_t i) const {
@@ -699,7 +651,10 @@ class PieceWriter {
       : sink_(sink), buffer_(std::make_unique_for_overwrite<char[]>(kCapacity)) {
     if (in_background) {
       spare_ = std::make_unique_for_overwrite<char[]>(kCapacity);
-      thread_ = std::thread([this] { hand_on(); });
+      thread_ = std::thread([this] {
+        name_this_thread("orvia-write");
+        hand_on();
+      });
     }
   }
   ~PieceWriter() { stop(); }

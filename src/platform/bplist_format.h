@@ -15,6 +15,7 @@
 #pragma once
 
 #include <cstdint>
+#include <cstring>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -26,6 +27,33 @@
 #include "platform/result.h"
 
 namespace orvia::bplist {
+
+namespace detail {
+// A big-endian unsigned number of n bytes (the sizes the format uses: 1, 2, 4, 8, or any up to 8).
+inline std::uint64_t be(const unsigned char* p, unsigned n) {
+  switch (n) {
+    case 1:
+      return p[0];
+    case 2:
+      return (std::uint64_t(p[0]) << 8) | p[1];
+    case 4: {
+      std::uint32_t v;
+      std::memcpy(&v, p, 4);
+      return __builtin_bswap32(v);
+    }
+    case 8: {
+      std::uint64_t v;
+      std::memcpy(&v, p, 8);
+      return __builtin_bswap64(v);
+    }
+    default: {
+      std::uint64_t v = 0;
+      for (unsigned i = 0; i < n; ++i) v = (v << 8) | p[i];
+      return v;
+    }
+  }
+}
+}  // namespace detail
 
 enum class Type : std::uint8_t { Null, Bool, Int, Real, Date, Data, AsciiString, Utf16String, Utf8String, Uid, Array, Set, Dict };
 
@@ -73,8 +101,34 @@ class View {
   std::uint64_t num_objects_ = 0, top_ = 0, table_ = 0;
   std::uint8_t offset_size_ = 0, ref_size_ = 0;
   std::uint64_t object_end_ = 0;  // objects lie in [8, object_end_)
-  std::uint64_t offset(std::uint64_t index) const;
+  std::uint64_t offset(std::uint64_t index) const {
+    return detail::be(reinterpret_cast<const unsigned char*>(bytes_.data() + table_ + index * offset_size_), offset_size_);
+  }
 };
+
+// The quick readings are inline: unarchiving calls them for nearly every object it meets.
+inline std::optional<std::uint64_t> View::uid_at(std::uint64_t index) const {
+  if (index >= num_objects_) return std::nullopt;
+  const std::uint64_t o = offset(index);
+  const auto* b = reinterpret_cast<const unsigned char*>(bytes_.data());
+  const unsigned marker = b[o];
+  const unsigned n = (marker & 0xf) + 1;
+  if ((marker >> 4) != 0x8 || n > 8 || n > object_end_ - o - 1) return std::nullopt;
+  return detail::be(b + o + 1, n);
+}
+
+inline std::optional<std::string_view> View::ascii_at(std::uint64_t index) const {
+  if (index >= num_objects_) return std::nullopt;
+  const std::uint64_t o = offset(index);
+  const unsigned marker = static_cast<unsigned char>(bytes_[o]);
+  const unsigned count = marker & 0xf;
+  if ((marker >> 4) != 0x5 || count == 0xf || count > object_end_ - o - 1) return std::nullopt;
+  return bytes_.substr(o + 1, count);
+}
+
+inline std::uint64_t View::ref_unchecked(const Item& c, std::uint64_t i) const {
+  return detail::be(reinterpret_cast<const unsigned char*>(bytes_.data() + c.pos + i * ref_size_), ref_size_);
+}
 
 // Appends UTF-16BE code units of UTF-8 text; returns false when the text is pure ASCII (nothing added).
 bool utf8_to_utf16be(std::string_view utf8, std::string& out, std::uint64_t& units);

@@ -1,11 +1,13 @@
 #include "platform/queue.h"
 
+#include <pthread.h>
 #include <sys/resource.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <condition_variable>
+#include <cstring>
 #include <deque>
 #include <exception>
 #include <mutex>
@@ -204,6 +206,7 @@ struct BackgroundPool {
   }
 
   void work() {
+    name_this_thread("orvia-bg");
     // The platform's background priority: the lowest scheduling priority for this thread.
     ::setpriority(PRIO_PROCESS, static_cast<id_t>(::syscall(SYS_gettid)), 19);
     std::unique_lock lock(mutex);
@@ -233,5 +236,11 @@ BackgroundPool& pool() {
 }  // namespace
 
 void dispatch_background(Block block) { pool().submit(std::move(block)); }
+
+void name_this_thread(const char* name) {
+  char cut[16] = {};
+  std::strncpy(cut, name, sizeof cut - 1);
+  ::pthread_setname_np(::pthread_self(), cut);
+}
 
 }  // namespace orvia

@@ -29,4 +29,7 @@ class MainQueue {
 // Runs a block on the global background-priority queue (a worker thread of the lowest priority).
 void dispatch_background(Block block);
 
+// Names the calling thread as tools show it (ps, top, perf, gdb); at most 15 characters are kept.
+void name_this_thread(const char* name);
+
 }  // namespace orvia
