@@ -34,11 +34,14 @@ int main(int argc, char** argv) {
     return rc == 0 ? 0 : 2;
   }
 
+#ifndef ORVIA_JEMALLOC
   // Imports run one at a time on the main thread; the background workers that open stores come and go
   // with the requests, and glibc would give each new one a malloc arena of its own (up to eight per
   // core) whose freed memory stays resident: memory would creep with every burst of requests. Two
-  // arenas: the main thread's and one that the workers share.
+  // arenas: the main thread's and one that the workers share. (jemalloc's arenas are few and return
+  // their unused pages to the system by themselves.)
   mallopt(M_ARENA_MAX, 2);
+#endif
 
   BusServiceOptions options;
   options.idle_exit = std::chrono::milliseconds(std::llround(idle_seconds * 1000));
