@@ -174,17 +174,9 @@ void continue_import(Stages& stages, const Ref<MQUserDefaultsWrapper>& defaults,
     {
       Stages::Interval t(stages, kExport);
       Ref<MQOrvia4Importer> importer = MQOrvia4Importer::initWithHome(defaults->homeFolder());
-      for (const auto& [account, model] : models) {
-        Ref<MQImporterContext> context = MQImporterContext::contextWithDefaults(defaults, account, store, lookups);
-        context->convertMedia = false;  // the shared album tree replaces this account's own
-        Ref<MQImporterNodeResult> result = folderTreeWithContext(*model, *context);
-        result->blacklist = importer->blackListsWithContext(*context);
-        result->account = importer->accountWithAccount(*account, *context);
-        result->statistics = importer->statisticsNodeWithAccount(*account, *context);
-        results->push_back(result);
-      }
-      Ref<MQImporterContext> album_context = MQImporterContext::contextWithDefaults(defaults, nullptr, store, lookups);
-      Ref<Object> albums_tree = folderTreeWithContext(*album_model, *album_context)->albums;
+      for (const auto& [account, model] : models)
+        results->push_back(importer->resultForAccount(account, *model, defaults, store, lookups));
+      Ref<Object> albums_tree = MQOrvia4Importer::sharedAlbumTree(*album_model, defaults, store, lookups);
       for (const Ref<Object>& r : results->items()) static_cast<MQImporterNodeResult*>(r.get())->albums = albums_tree;
     }
     out.results = results->size();

@@ -78,19 +78,34 @@ void MQOrvia4Importer::continueImport(const Ref<MQUserDefaultsWrapper>& defaults
     }
     Ref<OutlineFolderModel> model = OutlineFolderModel::initWithExistingUser(userid, false, defaults);
     NSLog("%@", model->identifiers());
-    Ref<MQImporterContext> context = MQImporterContext::contextWithDefaults(defaults, account, store, lookups);
-    context->convertMedia = false;  // the shared album tree replaces this account's own
-    Ref<MQImporterNodeResult> result = folderTreeWithContext(*model, *context);
-    result->blacklist = blackListsWithContext(*context);
-    result->account = accountWithAccount(*account, *context);
-    result->statistics = statisticsNodeWithAccount(*account, *context);
-    results->push_back(result);
+    results->push_back(resultForAccount(account, *model, defaults, store, lookups));
   }
   Ref<OutlineFolderModel> album_model = OutlineFolderModel::initWithExistingUser(str(kAlbumPseudoUser), false, defaults);
-  Ref<MQImporterContext> album_context = MQImporterContext::contextWithDefaults(defaults, nullptr, store, lookups);
-  Ref<Object> albums = folderTreeWithContext(*album_model, *album_context)->albums;
+  Ref<Object> albums = sharedAlbumTree(*album_model, defaults, store, lookups);
   for (const Ref<Object>& r : results->items()) static_cast<MQImporterNodeResult*>(r.get())->albums = albums;
   completion(true, make<Array>(results->items(), false));
+}
+
+Ref<MQImporterNodeResult> MQOrvia4Importer::resultForAccount(const Ref<Account>& account,
+                                                             const OutlineFolderModel& model,
+                                                             const Ref<MQUserDefaultsWrapper>& defaults,
+                                                             const Ref<MQCoreDataWrapper>& store,
+                                                             const std::shared_ptr<ImportLookups>& lookups) const {
+  Ref<MQImporterContext> context = MQImporterContext::contextWithDefaults(defaults, account, store, lookups);
+  context->convertMedia = false;  // the shared album tree replaces this account's own
+  Ref<MQImporterNodeResult> result = folderTreeWithContext(model, *context);
+  result->blacklist = blackListsWithContext(*context);
+  result->account = accountWithAccount(*account, *context);
+  result->statistics = statisticsNodeWithAccount(*account, *context);
+  return result;
+}
+
+Ref<Object> MQOrvia4Importer::sharedAlbumTree(const OutlineFolderModel& album_model,
+                                              const Ref<MQUserDefaultsWrapper>& defaults,
+                                              const Ref<MQCoreDataWrapper>& store,
+                                              const std::shared_ptr<ImportLookups>& lookups) {
+  Ref<MQImporterContext> album_context = MQImporterContext::contextWithDefaults(defaults, nullptr, store, lookups);
+  return folderTreeWithContext(album_model, *album_context)->albums;
 }
 
 Ref<MQImporterNodeFolder> MQOrvia4Importer::blackListsWithContext(MQImporterContext& context) const {

@@ -5,9 +5,11 @@
 #pragma once
 
 #include <functional>
+#include <memory>
 #include <string>
 
 #include "nodes/importer_context.h"
+#include "outline/outline_folder_model.h"
 #include "records/records.h"
 
 namespace orvia {
@@ -29,6 +31,17 @@ class MQOrvia4Importer final : public Record {
   // otherwise later, from the main queue. Our choice: a store that cannot be attached completes with
   // (NO, nil) too, so that every request is answered.
   void importDataWithCompletion(Completion completion);
+
+  // One account's result from its sidebar model: the categories' folder trees (its own albums left
+  // out, since the shared album tree replaces them), blocked users, account record and statistics node.
+  Ref<MQImporterNodeResult> resultForAccount(const Ref<Account>& account, const OutlineFolderModel& model,
+                                             const Ref<MQUserDefaultsWrapper>& defaults,
+                                             const Ref<MQCoreDataWrapper>& store,
+                                             const std::shared_ptr<ImportLookups>& lookups) const;
+  // The shared album tree (with its media) that every result carries.
+  static Ref<Object> sharedAlbumTree(const OutlineFolderModel& album_model, const Ref<MQUserDefaultsWrapper>& defaults,
+                                     const Ref<MQCoreDataWrapper>& store,
+                                     const std::shared_ptr<ImportLookups>& lookups);
 
   Ref<MQImporterNodeFolder> blackListsWithContext(MQImporterContext& context) const;
   Ref<MQImporterAccount> accountWithAccount(const Account& account, MQImporterContext& context) const;
