@@ -151,6 +151,18 @@ bool utf8_to_utf16be(std::string_view s, std::string& out, std::uint64_t& units)
 // ---------------------------------------------------------------------------------------------------
 // View
 
+namespace {
+// The first entry of an offset table of n entries of N bytes that lies outside [8, end); n when none.
+template <unsigned N>
+std::uint64_t first_offset_outside(const unsigned char* table, std::uint64_t n, std::uint64_t end) {
+  for (std::uint64_t i = 0; i < n; ++i) {
+    const std::uint64_t o = be(table + i * N, N);
+    if (o < 8 || o >= end) return i;
+  }
+  return n;
+}
+}  // namespace
+
 Result<View> View::open(std::string_view bytes) {
   if (bytes.size() < 8 + 1 + kTrailer) return Error{"bplist: file too short"};
   if (bytes.substr(0, 6) != "bplist") return Error{"bplist: missing bplist magic"};
@@ -173,10 +185,15 @@ Result<View> View::open(std::string_view bytes) {
   if (v.ref_size_ < 8 && v.num_objects_ - 1 > (1ull << (8 * v.ref_size_)) - 1)
     return Error{"bplist: reference size too small for the object count"};
   v.object_end_ = v.table_;
-  for (std::uint64_t i = 0; i < v.num_objects_; ++i) {
-    std::uint64_t o = v.offset(i);
-    if (o < 8 || o >= v.object_end_) return Error{fmt::format("bplist: offset of object {} outside the object area", i)};
+  const auto* table = reinterpret_cast<const unsigned char*>(bytes.data() + v.table_);
+  std::uint64_t bad;
+  switch (v.offset_size_) {  // one loop per entry size, so that reading an entry is one load
+    case 1: bad = first_offset_outside<1>(table, v.num_objects_, v.object_end_); break;
+    case 2: bad = first_offset_outside<2>(table, v.num_objects_, v.object_end_); break;
+    case 4: bad = first_offset_outside<4>(table, v.num_objects_, v.object_end_); break;
+    default: bad = first_offset_outside<8>(table, v.num_objects_, v.object_end_); break;
   }
+  if (bad < v.num_objects_) return Error{fmt::format("bplist: offset of object {} outside the object area", bad)};
   return v;
 }
 
@@ -298,13 +315,7 @@ std::string View::text(const Item& it) const {
   std::string_view raw_bytes = raw(it);
   switch (it.type) {
     case Type::AsciiString: {
-      bool ascii = true;
-      for (unsigned char c : raw_bytes)
-        if (c >= 0x80) {
-          ascii = false;
-          break;
-        }
-      if (ascii) {
+      if (is_ascii(raw_bytes)) {
         out.assign(raw_bytes);
         break;
       }
@@ -332,12 +343,7 @@ std::string View::text(const Item& it) const {
 bool View::text_equals(const Item& it, std::string_view s) const {
   if (it.type == Type::AsciiString || it.type == Type::Utf8String) {
     std::string_view r = raw(it);
-    if (r == s) {
-      if (it.type == Type::Utf8String) return true;
-      for (unsigned char c : r)
-        if (c >= 0x80) return false;
-      return true;
-    }
+    if (r == s) return it.type == Type::Utf8String || is_ascii(r);
     return false;
   }
   if (it.type == Type::Utf16String) return text(it) == s;
@@ -472,13 +478,7 @@ std::uint32_t Builder::add_bytes(BytesTable& t, std::string_view bytes, Type typ
 }
 
 std::uint32_t Builder::add_string(std::string_view s) {
-  bool ascii = true;
-  for (unsigned char c : s)
-    if (c >= 0x80) {
-      ascii = false;
-      break;
-    }
-  return add_bytes(strings_, s, Type::Utf8String, ascii);
+  return add_bytes(strings_, s, Type::Utf8String, is_ascii(s));
 }
 
 std::uint32_t Builder::add_data(std::string_view d) { return add_bytes(datas_, d, Type::Data, false); }

@@ -55,6 +55,20 @@ inline std::uint64_t be(const unsigned char* p, unsigned n) {
 }
 }  // namespace detail
 
+// True when every byte is below 0x80; eight bytes at a time, since every string of an archive is checked.
+inline bool is_ascii(std::string_view s) {
+  const char* p = s.data();
+  std::size_t n = s.size();
+  std::uint64_t high = 0;
+  for (; n >= 8; p += 8, n -= 8) {
+    std::uint64_t w;
+    std::memcpy(&w, p, 8);
+    high |= w;
+  }
+  for (; n; ++p, --n) high |= static_cast<unsigned char>(*p);
+  return (high & 0x8080808080808080ull) == 0;
+}
+
 enum class Type : std::uint8_t { Null, Bool, Int, Real, Date, Data, AsciiString, Utf16String, Utf8String, Uid, Array, Set, Dict };
 
 struct Item {

@@ -162,12 +162,6 @@ class ArchiveScratch {
 
 namespace {
 
-bool plain_ascii(std::string_view s) {
-  for (unsigned char c : s)
-    if (c >= 0x80) return false;
-  return true;
-}
-
 // ---------------------------------------------------------------------------------------------------
 
 class Archiver final : public KeyedEncoder {
@@ -545,7 +539,7 @@ class KeyedUnarchiverImpl final : public KeyedDecoder {
       if (std::optional<std::string_view> text = v_.ascii_at(ref)) {  // most entries: short strings
         if (*text == "$null") {
           kinds[uid] = kNil;
-        } else if (plain_ascii(*text)) {
+        } else if (bplist::is_ascii(*text)) {
           texts[uid] = *text;
         }
         continue;
@@ -566,7 +560,7 @@ class KeyedUnarchiverImpl final : public KeyedDecoder {
         case Type::Utf8String:
           if (v_.raw(it.value()) == "$null") {
             kinds[uid] = kNil;
-          } else if (plain_ascii(v_.raw(it.value()))) {
+          } else if (bplist::is_ascii(v_.raw(it.value()))) {
             texts[uid] = v_.raw(it.value());
           }
           continue;
@@ -615,9 +609,9 @@ class KeyedUnarchiverImpl final : public KeyedDecoder {
       const std::uint64_t c = rec.cls;
       if (c >= count || kinds[c] != kClass) return false;
       if (builtins[c] == kUnknownClass) {
-        const ClassInfo& info = class_info(c);
-        if (!info.ok || info.builtin == Builtin::None) return false;
-        builtins[c] = static_cast<std::uint8_t>(info.builtin);
+        const Builtin found = foundation_class(c);
+        if (found == Builtin::None) return false;
+        builtins[c] = static_cast<std::uint8_t>(found);
       }
       rec.builtin = static_cast<Builtin>(builtins[c]);
       // Arrays and sets written in the "NS.object.N" form are read by other rules: not here.
@@ -807,7 +801,7 @@ class KeyedUnarchiverImpl final : public KeyedDecoder {
       }
       const std::optional<std::uint64_t> k = k_ref, val = v_ref;
       std::string_view key;
-      if (std::optional<std::string_view> quick = v_.ascii_at(k.value()); quick && plain_ascii(*quick)) {
+      if (std::optional<std::string_view> quick = v_.ascii_at(k.value()); quick && bplist::is_ascii(*quick)) {
         key = *quick;  // the common key, read without the general parse
       } else {
         auto ki = v_.item(k.value());
@@ -815,7 +809,7 @@ class KeyedUnarchiverImpl final : public KeyedDecoder {
           fail(ki.error().message);
           return false;
         }
-        if ((ki->type == Type::AsciiString || ki->type == Type::Utf8String) && plain_ascii(v_.raw(ki.value()))) {
+        if ((ki->type == Type::AsciiString || ki->type == Type::Utf8String) && bplist::is_ascii(v_.raw(ki.value()))) {
           key = v_.raw(ki.value());
         } else if (ki->type == Type::AsciiString || ki->type == Type::Utf8String || ki->type == Type::Utf16String) {
           // Read as string values are (Latin-1, well-formed UTF-8), so that a key archives back unchanged.
@@ -839,27 +833,29 @@ class KeyedUnarchiverImpl final : public KeyedDecoder {
     return true;
   }
 
-  const ClassInfo& class_info(std::uint64_t uid) {
-    auto [it, inserted] = classes_.try_emplace(uid);
-    ClassInfo& info = it->second;
-    if (!inserted) return info;
+  // A class record's name (its last "$classname" with a string value; empty when none) and where its
+  // "$classes" list lies. `name` may point into `owned`, so a ClassRecord stays where it was made.
+  struct ClassRecord {
+    std::string_view name;
+    std::string owned;
+    std::uint64_t classes_ref = UINT64_MAX;
+  };
+  // False when the record cannot be read at all, with the reason in `why` when one is asked for.
+  bool read_class_record(std::uint64_t uid, ClassRecord& out, std::string* why) {
     if (uid == 0 || uid >= objects_.count) {
-      fail(fmt::format("archive: class reference {} out of range", uid));
-      return info;
+      if (why) *why = fmt::format("archive: class reference {} out of range", uid);
+      return false;
     }
     auto ref = v_.ref(objects_, uid);
     if (!ref) {
-      fail(ref.error().message);
-      return info;
+      if (why) *why = ref.error().message;
+      return false;
     }
     auto ci = v_.item(ref.value());
     if (!ci || ci->type != Type::Dict) {
-      fail(fmt::format("archive: class record {} is not a dictionary", uid));
-      return info;
+      if (why) *why = fmt::format("archive: class record {} is not a dictionary", uid);
+      return false;
     }
-    // The name first: a Foundation class needs nothing more (its "$classes" are not read).
-    std::string name;
-    std::uint64_t classes_ref = UINT64_MAX;
     for (std::uint64_t i = 0; i < ci->count; ++i) {
       auto k = v_.ref(ci.value(), i);
       auto val = v_.ref(ci.value(), ci->count + i);
@@ -869,14 +865,42 @@ class KeyedUnarchiverImpl final : public KeyedDecoder {
       if (!ki || !vi) break;
       if (v_.text_equals(ki.value(), "$classname") &&
           (vi->type == Type::AsciiString || vi->type == Type::Utf16String || vi->type == Type::Utf8String)) {
-        name = v_.text(vi.value());
+        const std::string_view raw = v_.raw(vi.value());
+        if (vi->type != Type::Utf16String && bplist::is_ascii(raw)) {
+          out.name = raw;  // what text() would give, without a copy
+        } else {
+          out.owned = v_.text(vi.value());
+          out.name = out.owned;
+        }
       } else if (v_.text_equals(ki.value(), "$classes") && vi->type == Type::Array) {
-        classes_ref = val.value();
+        out.classes_ref = val.value();
       }
     }
+    return true;
+  }
+
+  // The Foundation class a class record names: None when class_info would fail or find another class.
+  Builtin foundation_class(std::uint64_t uid) {
+    ClassRecord rec;
+    if (!read_class_record(uid, rec, nullptr) || rec.name.empty()) return Builtin::None;
+    return builtin_for(rec.name);
+  }
+
+  const ClassInfo& class_info(std::uint64_t uid) {
+    auto [it, inserted] = classes_.try_emplace(uid);
+    ClassInfo& info = it->second;
+    if (!inserted) return info;
+    ClassRecord rec;
+    std::string why;
+    if (!read_class_record(uid, rec, &why)) {
+      fail(std::move(why));
+      return info;
+    }
+    // The name first: a Foundation class needs nothing more (its "$classes" are not read).
+    const std::string_view name = rec.name;
     std::vector<std::string> supers;
-    if (!name.empty() && builtin_for(name) == Builtin::None && classes_ref != UINT64_MAX) {
-      auto vi = v_.item(classes_ref);
+    if (!name.empty() && builtin_for(name) == Builtin::None && rec.classes_ref != UINT64_MAX) {
+      auto vi = v_.item(rec.classes_ref);
       for (std::uint64_t j = 0; vi && j < vi->count; ++j) {
         auto e = v_.ref(vi.value(), j);
         if (!e) break;
@@ -894,7 +918,7 @@ class KeyedUnarchiverImpl final : public KeyedDecoder {
     if (info.builtin != Builtin::None) return info;
     info.factory = registry_.find(name);
     // A missing "$classes" reads as the class name alone.
-    info.chain.push_back(name);
+    info.chain.emplace_back(name);
     for (std::size_t j = 0; j < supers.size(); ++j)
       if (!(j == 0 && supers[j] == name)) info.chain.push_back(supers[j]);
     return info;
