@@ -1,8 +1,9 @@
 #include "platform/keyed_archive.h"
 
+#include <array>
+#include <atomic>
 #include <cstring>
 #include <deque>
-#include <atomic>
 #include <mutex>
 
 #include <fmt/format.h>
@@ -222,7 +223,7 @@ class Archiver final : public KeyedEncoder {
     f.values.push_back(b_.add_real(v));
   }
   void encode_object_stream(std::string_view key, const std::function<void(const ObjectSink&)>& produce) override {
-    std::vector<std::uint32_t> refs;
+    Indices refs;
     produce([&](const Ref<Object>& item) {
       const std::size_t deferred = deferred_.size();
       refs.push_back(b_.add_uid(uid_of(item.get())));
@@ -237,9 +238,32 @@ class Archiver final : public KeyedEncoder {
   }
 
  private:
+  // A reused list of bplist indices whose appending is inlined: the archiver appends one per
+  // reference it writes, and the standard vector's out-of-line append showed in every profile.
+  class Indices {
+   public:
+    void push_back(std::uint32_t v) {
+      if (size_ == capacity_) grow();
+      data_[size_++] = v;
+    }
+    void clear() { size_ = 0; }
+    const std::uint32_t* data() const { return data_.get(); }
+    std::size_t size() const { return size_; }
+
+   private:
+    void grow() {
+      const std::size_t capacity = capacity_ ? 2 * capacity_ : 16;
+      auto grown = std::make_unique_for_overwrite<std::uint32_t[]>(capacity);
+      if (size_) std::memcpy(grown.get(), data_.get(), size_ * sizeof(std::uint32_t));
+      data_ = std::move(grown);
+      capacity_ = capacity;
+    }
+    std::unique_ptr<std::uint32_t[]> data_;
+    std::size_t size_ = 0, capacity_ = 0;
+  };
   struct Frame {
-    std::vector<std::uint32_t> keys, values;
-    std::vector<std::uint32_t> refs, more_refs;  // a container's element references, reused
+    Indices keys, values;
+    Indices refs, more_refs;  // a container's element references, reused
   };
 
   Frame& frame() {
@@ -306,7 +330,7 @@ class Archiver final : public KeyedEncoder {
 
   // Writes the UIDs of a list of objects as one bplist array.
   std::uint32_t uid_array(const std::vector<Ref<Object>>& items) {
-    std::vector<std::uint32_t>& refs = frame().refs;  // frames stay put; deeper objects use deeper ones
+    Indices& refs = frame().refs;  // frames stay put; deeper objects use deeper ones
     refs.clear();
     for (const auto& item : items) refs.push_back(b_.add_uid(uid_of(item.get())));
     std::uint32_t a = b_.reserve();
@@ -333,8 +357,8 @@ class Archiver final : public KeyedEncoder {
         // All keys first, then all values, as Apple's archiver orders them.
         const auto& entries = static_cast<const Dictionary*>(o)->entries();
         Frame& scratch = frame();  // frames stay put; deeper objects use deeper ones
-        std::vector<std::uint32_t>& krefs = scratch.refs;
-        std::vector<std::uint32_t>& vrefs = scratch.more_refs;
+        Indices& krefs = scratch.refs;
+        Indices& vrefs = scratch.more_refs;
         krefs.clear();
         vrefs.clear();
         for (const auto& e : entries) krefs.push_back(b_.add_uid(uid_of(e.first.get())));
@@ -382,6 +406,16 @@ class Archiver final : public KeyedEncoder {
 
   std::uint32_t class_uid(const Object* o) {
     std::string_view name = o->class_name();
+    for (const RecentClass& r : recent_classes_)
+      if (!r.name.empty() && r.name == name) return r.uid;
+    std::uint32_t uid = known_class_uid(o, name);
+    RecentClass& slot = recent_classes_[recent_next_++ % recent_classes_.size()];
+    slot.name.assign(name);
+    slot.uid = uid;
+    return uid;
+  }
+
+  std::uint32_t known_class_uid(const Object* o, std::string_view name) {
     if (auto it = classes_.find(name); it != classes_.end()) return it->second;
     std::span<const std::string_view> chain =
         o->kind() == ObjectKind::Record ? static_cast<const Record*>(o)->class_chain() : foundation_chain(name);
@@ -415,6 +449,14 @@ class Archiver final : public KeyedEncoder {
     std::size_t operator()(std::string_view s) const { return std::hash<std::string_view>{}(s); }
   };
   std::unordered_map<std::string, std::uint32_t, TextHash, std::equal_to<>> classes_;
+  // The classes met last: most objects are of a handful of classes, and comparing a name with a few
+  // is quicker than hashing it for the table.
+  struct RecentClass {
+    std::string name;  // empty: unused
+    std::uint32_t uid = 0;
+  };
+  std::array<RecentClass, 4> recent_classes_;
+  unsigned recent_next_ = 0;
   std::deque<std::string> owned_;
   std::vector<Ref<Object>> kept_;  // streamed objects with parts still to write
   std::uint32_t ns_objects_ = UINT32_MAX, ns_keys_ = UINT32_MAX, ns_string_ = UINT32_MAX, ns_data_ = UINT32_MAX,
