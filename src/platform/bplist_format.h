@@ -53,19 +53,37 @@ inline std::uint64_t be(const unsigned char* p, unsigned n) {
     }
   }
 }
+// The same for n of 1 to 8 where at least 8 bytes can be read from p: one load, whatever n is. Inside a
+// property list this holds for every offset and reference, which the 32-byte trailer follows.
+inline std::uint64_t be_padded(const unsigned char* p, unsigned n) {
+  std::uint64_t v;
+  std::memcpy(&v, p, 8);
+  return __builtin_bswap64(v) >> (64 - 8 * n);
+}
 }  // namespace detail
 
-// True when every byte is below 0x80; eight bytes at a time, since every string of an archive is checked.
+// True when every byte is below 0x80; eight bytes at a time (the last ones overlapping), since every
+// string of an archive is checked.
 inline bool is_ascii(std::string_view s) {
   const char* p = s.data();
-  std::size_t n = s.size();
+  const std::size_t n = s.size();
   std::uint64_t high = 0;
-  for (; n >= 8; p += 8, n -= 8) {
+  if (n >= 8) {
     std::uint64_t w;
-    std::memcpy(&w, p, 8);
+    for (std::size_t i = 0; i + 8 <= n; i += 8) {
+      std::memcpy(&w, p + i, 8);
+      high |= w;
+    }
+    std::memcpy(&w, p + n - 8, 8);
     high |= w;
+  } else if (n >= 4) {
+    std::uint32_t a, b;
+    std::memcpy(&a, p, 4);
+    std::memcpy(&b, p + n - 4, 4);
+    high = a | b;
+  } else {
+    for (std::size_t i = 0; i < n; ++i) high |= static_cast<unsigned char>(p[i]);
   }
-  for (; n; ++p, --n) high |= static_cast<unsigned char>(*p);
   return (high & 0x8080808080808080ull) == 0;
 }
 
@@ -116,7 +134,8 @@ class View {
   std::uint8_t offset_size_ = 0, ref_size_ = 0;
   std::uint64_t object_end_ = 0;  // objects lie in [8, object_end_)
   std::uint64_t offset(std::uint64_t index) const {
-    return detail::be(reinterpret_cast<const unsigned char*>(bytes_.data() + table_ + index * offset_size_), offset_size_);
+    return detail::be_padded(reinterpret_cast<const unsigned char*>(bytes_.data() + table_ + index * offset_size_),
+                             offset_size_);
   }
 };
 
@@ -128,7 +147,7 @@ inline std::optional<std::uint64_t> View::uid_at(std::uint64_t index) const {
   const unsigned marker = b[o];
   const unsigned n = (marker & 0xf) + 1;
   if ((marker >> 4) != 0x8 || n > 8 || n > object_end_ - o - 1) return std::nullopt;
-  return detail::be(b + o + 1, n);
+  return detail::be_padded(b + o + 1, n);
 }
 
 inline std::optional<std::string_view> View::ascii_at(std::uint64_t index) const {
@@ -141,7 +160,7 @@ inline std::optional<std::string_view> View::ascii_at(std::uint64_t index) const
 }
 
 inline std::uint64_t View::ref_unchecked(const Item& c, std::uint64_t i) const {
-  return detail::be(reinterpret_cast<const unsigned char*>(bytes_.data() + c.pos + i * ref_size_), ref_size_);
+  return detail::be_padded(reinterpret_cast<const unsigned char*>(bytes_.data() + c.pos + i * ref_size_), ref_size_);
 }
 
 // Appends UTF-16BE code units of UTF-8 text; returns false when the text is pure ASCII (nothing added).

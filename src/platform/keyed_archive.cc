@@ -242,8 +242,8 @@ class Archiver final : public KeyedEncoder {
   // reference it writes, and the standard vector's out-of-line append showed in every profile.
   class Indices {
    public:
-    void push_back(std::uint32_t v) {
-      if (size_ == capacity_) grow();
+    [[gnu::always_inline]] void push_back(std::uint32_t v) {
+      if (size_ == capacity_) [[unlikely]] grow();
       data_[size_++] = v;
     }
     void clear() { size_ = 0; }
@@ -251,7 +251,7 @@ class Archiver final : public KeyedEncoder {
     std::size_t size() const { return size_; }
 
    private:
-    void grow() {
+    [[gnu::noinline]] void grow() {
       const std::size_t capacity = capacity_ ? 2 * capacity_ : 16;
       auto grown = std::make_unique_for_overwrite<std::uint32_t[]>(capacity);
       if (size_) std::memcpy(grown.get(), data_.get(), size_ * sizeof(std::uint32_t));
@@ -707,15 +707,18 @@ class KeyedUnarchiverImpl final : public KeyedDecoder {
   std::optional<std::uint64_t> find_entry(std::uint64_t dict_uid, std::string_view key) {
     const LookupRecord& rec = scratch_->records[dict_uid];
     if (!rec.has_keys || !rec.has_objects) return 0;  // the decoded dictionary is empty
-    const std::vector<std::uint64_t>& elements = scratch_->elements;
-    const std::vector<std::uint8_t>& kinds = scratch_->kinds;
+    // Plain pointers, which the comparisons' calls cannot make the loop read again.
+    const std::uint64_t* const keys = scratch_->elements.data() + rec.first_key;
+    const std::uint64_t* const values = scratch_->elements.data() + rec.first_object;
+    const std::uint8_t* const kinds = scratch_->kinds.data();
+    const std::string_view* const texts = scratch_->texts.data();
     const std::uint64_t n = std::min(rec.key_count, rec.object_count);
     for (std::uint64_t i = 0; i < n; ++i) {
-      const std::uint64_t k = elements[rec.first_key + i], v = elements[rec.first_object + i];
+      const std::uint64_t k = keys[i], v = values[i];
       if (k == kInline || v == kInline) return std::nullopt;  // written in place
       if (k == 0 || v == 0 || kinds[k] == kNil || kinds[v] == kNil) continue;  // the entry is left out
       if (kinds[k] != kValue) return std::nullopt;  // an object as key (a string record, say)
-      std::string_view text = scratch_->texts[k];
+      const std::string_view text = texts[k];
       if (text.data() == nullptr) {  // not a plain string: compared as unarchiving reads it
         auto key_item = v_.item(v_.ref_unchecked(objects_, k));
         if (!key_item) return std::nullopt;
