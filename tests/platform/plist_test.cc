@@ -345,3 +345,25 @@ TEST(BinaryPlist, WritingInPiecesGivesTheSameBytes) {
 
 }  // namespace
 }  // namespace orvia
+
+namespace orvia {
+namespace {
+
+// Strings are checked for ASCII eight bytes at a time with overlapping tails: a byte of 0x80 or above
+// must be seen wherever it lies, in strings of every length around the word sizes.
+TEST(BinaryPlist, AsciiCheckSeesAHighByteAtEveryPlace) {
+  for (std::size_t n = 0; n <= 40; ++n) {
+    std::string s(n, 'a');
+    EXPECT_TRUE(bplist::is_ascii(s)) << n;
+    for (std::size_t at = 0; at < n; ++at) {
+      for (unsigned char high : {0x80, 0xc3, 0xff}) {
+        std::string t = s;
+        t[at] = static_cast<char>(high);
+        EXPECT_FALSE(bplist::is_ascii(t)) << "length " << n << ", byte " << at;
+      }
+    }
+  }
+}
+
+}  // namespace
+}  // namespace orvia
