@@ -197,7 +197,7 @@ Result<View> View::open(std::string_view bytes) {
   return v;
 }
 
-Result<Item> View::item(std::uint64_t index) const {
+Result<Item> View::item_slow(std::uint64_t index) const {
   if (index >= num_objects_) return Error{fmt::format("bplist: reference {} beyond the object count", index)};
   std::uint64_t o = offset(index);
   const auto* b = reinterpret_cast<const unsigned char*>(bytes_.data());

@@ -133,6 +133,8 @@ class View {
   std::uint64_t num_objects_ = 0, top_ = 0, table_ = 0;
   std::uint8_t offset_size_ = 0, ref_size_ = 0;
   std::uint64_t object_end_ = 0;  // objects lie in [8, object_end_)
+  // Every object item() reads; it reads the commonest ones itself.
+  Result<Item> item_slow(std::uint64_t index) const;
   std::uint64_t offset(std::uint64_t index) const {
     return detail::be_padded(reinterpret_cast<const unsigned char*>(bytes_.data() + table_ + index * offset_size_),
                              offset_size_);
@@ -140,6 +142,57 @@ class View {
 };
 
 // The quick readings are inline: unarchiving calls them for nearly every object it meets.
+
+// Short strings, UIDs, small containers and integers of up to 8 bytes are read here, with exactly
+// the checks and the item item_slow() gives them; everything else (and every error) there.
+[[gnu::always_inline]] inline Result<Item> View::item(std::uint64_t index) const {
+  if (index < num_objects_) {
+    const std::uint64_t o = offset(index);
+    const auto* b = reinterpret_cast<const unsigned char*>(bytes_.data());
+    const std::uint64_t room = object_end_ - o - 1;  // bytes after the marker (offsets lie below object_end_)
+    const unsigned marker = b[o], hi = marker >> 4, lo = marker & 0xf;
+    Item it{};
+    switch (hi) {
+      case 0x1:
+        if (lo <= 3 && (1u << lo) <= room) {
+          it.type = Type::Int;
+          it.pos = o + 1;
+          it.scalar = detail::be(b + o + 1, 1u << lo);
+          return it;
+        }
+        break;
+      case 0x5:
+      case 0x7:
+        if (lo != 0xf && lo <= room) {
+          it.type = hi == 0x5 ? Type::AsciiString : Type::Utf8String;
+          it.count = lo;
+          it.pos = o + 1;
+          return it;
+        }
+        break;
+      case 0x8:
+        if (lo < 8 && lo + 1u <= room) {
+          it.type = Type::Uid;
+          it.scalar = detail::be_padded(b + o + 1, lo + 1);
+          return it;
+        }
+        break;
+      case 0xA:
+      case 0xC:
+      case 0xD:
+        if (lo != 0xf && std::uint64_t{lo} * (hi == 0xD ? 2u * ref_size_ : ref_size_) <= room) {
+          it.type = hi == 0xA ? Type::Array : hi == 0xC ? Type::Set : Type::Dict;
+          it.count = lo;
+          it.pos = o + 1;
+          return it;
+        }
+        break;
+      default:
+        break;
+    }
+  }
+  return item_slow(index);
+}
 inline std::optional<std::uint64_t> View::uid_at(std::uint64_t index) const {
   if (index >= num_objects_) return std::nullopt;
   const std::uint64_t o = offset(index);

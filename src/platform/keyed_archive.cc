@@ -547,6 +547,7 @@ class KeyedUnarchiverImpl final : public KeyedDecoder {
     std::vector<LookupRecord>& records = scratch_->records;
     targets.clear();
     records.assign(count, LookupRecord{});
+    scratch_->key_index.dict = 0;
     Frame& f = frame_at(1);
     auto note_target = [&](const Item& it) {
       if (it.type == Type::Uid) targets.push_back(it.scalar);
@@ -707,12 +708,24 @@ class KeyedUnarchiverImpl final : public KeyedDecoder {
   std::optional<std::uint64_t> find_entry(std::uint64_t dict_uid, std::string_view key) {
     const LookupRecord& rec = scratch_->records[dict_uid];
     if (!rec.has_keys || !rec.has_objects) return 0;  // the decoded dictionary is empty
+    const std::uint64_t n = std::min(rec.key_count, rec.object_count);
+    if (n >= kIndexedFrom) {
+      Scratch::KeyIndex& index = scratch_->key_index;
+      if (index.dict != dict_uid) index_keys(dict_uid, n);
+      if (index.usable) {
+        const std::size_t mask = index.slots.size() - 1;
+        for (std::size_t i = key_hash(key) & mask;; i = (i + 1) & mask) {
+          const auto& [text, v] = index.slots[i];
+          if (text.data() == nullptr) return 0;
+          if (text == key) return v;
+        }
+      }
+    }
     // Plain pointers, which the comparisons' calls cannot make the loop read again.
     const std::uint64_t* const keys = scratch_->elements.data() + rec.first_key;
     const std::uint64_t* const values = scratch_->elements.data() + rec.first_object;
     const std::uint8_t* const kinds = scratch_->kinds.data();
     const std::string_view* const texts = scratch_->texts.data();
-    const std::uint64_t n = std::min(rec.key_count, rec.object_count);
     for (std::uint64_t i = 0; i < n; ++i) {
       const std::uint64_t k = keys[i], v = values[i];
       if (k == kInline || v == kInline) return std::nullopt;  // written in place
@@ -728,6 +741,42 @@ class KeyedUnarchiverImpl final : public KeyedDecoder {
       if (text == key) return v;
     }
     return 0;
+  }
+
+  // Dictionaries of this many entries are searched through an index of their keys.
+  static constexpr std::uint64_t kIndexedFrom = 8;
+  static std::size_t key_hash(std::string_view key) {
+    std::size_t h = key.size();
+    for (unsigned char c : key) h = h * 31 + c;
+    return h;
+  }
+  // Indexes the keys of a dictionary record as the search in find_entry meets them: the first entry of
+  // each key wins and left-out entries are skipped. A dictionary with an entry the search stops at (a
+  // value in place, an object as key, a key that is not a plain string) is left to that search.
+  void index_keys(std::uint64_t dict_uid, std::uint64_t n) {
+    Scratch::KeyIndex& index = scratch_->key_index;
+    index.dict = dict_uid;
+    index.usable = false;
+    const LookupRecord& rec = scratch_->records[dict_uid];
+    const std::uint64_t* const keys = scratch_->elements.data() + rec.first_key;
+    const std::uint64_t* const values = scratch_->elements.data() + rec.first_object;
+    const std::uint8_t* const kinds = scratch_->kinds.data();
+    std::size_t size = 16;
+    while (size < 2 * n) size *= 2;
+    index.slots.assign(size, {std::string_view(), 0});
+    const std::size_t mask = size - 1;
+    for (std::uint64_t i = 0; i < n; ++i) {
+      const std::uint64_t k = keys[i], v = values[i];
+      if (k == kInline || v == kInline) return;
+      if (k == 0 || v == 0 || kinds[k] == kNil || kinds[v] == kNil) continue;
+      if (kinds[k] != kValue) return;
+      const std::string_view text = scratch_->texts[k];
+      if (text.data() == nullptr) return;
+      std::size_t j = key_hash(text) & mask;
+      while (index.slots[j].first.data() != nullptr && index.slots[j].first != text) j = (j + 1) & mask;
+      if (index.slots[j].first.data() == nullptr) index.slots[j] = {text, v};
+    }
+    index.usable = true;
   }
 
   std::uint64_t root_uid() const { return root_uid_; }
@@ -1229,6 +1278,12 @@ class KeyedUnarchiverImpl final : public KeyedDecoder {
     std::unordered_map<std::uint64_t, ClassInfo> classes;
     std::vector<std::unique_ptr<Frame>> frames;
     std::vector<Pending> pending;
+    // The keys of the large dictionary looked in last (a record's root is asked for a dozen of them).
+    struct KeyIndex {
+      std::uint64_t dict = 0;  // 0: none
+      bool usable = false;     // false: the dictionary is searched entry by entry
+      std::vector<std::pair<std::string_view, std::uint64_t>> slots;  // key -> value UID; empty: no key
+    } key_index;
   };
   static std::unique_ptr<Scratch>& spare() {
     thread_local std::unique_ptr<Scratch> scratch;

@@ -388,8 +388,10 @@ TEST(MediaConversion, ReadingOnlyTheTakenValuesConvertsExactlyAsDecodingWhole) {
     Expect expect;
     std::function<std::string()> make;
   };
-  // A record in the usual shape; `shape` may change it before it is written.
-  auto record = [](const std::function<void(Sketch&, std::uint64_t dict_class, std::vector<std::pair<std::uint64_t, std::uint64_t>>& root)>& shape) {
+  // A record in the usual shape; `shape` may change it before it is written. Padded, its root gets
+  // filler entries at the end, enough for its keys to be looked up through an index.
+  bool padded = false;
+  auto record = [&padded](const std::function<void(Sketch&, std::uint64_t dict_class, std::vector<std::pair<std::uint64_t, std::uint64_t>>& root)>& shape) {
     Sketch s;
     const std::uint64_t dict_class = s.class_record("NSDictionary");
     const std::uint64_t user = s.dictionary(dict_class, {{s.string("id"), s.string("456")}, {s.string("username"), s.string("ann")}});
@@ -400,6 +402,7 @@ TEST(MediaConversion, ReadingOnlyTheTakenValuesConvertsExactlyAsDecodingWhole) {
         {s.string("id"), s.string("1_2")}, {s.string("link"), s.string("https://l/AbC")}, {s.string("user"), user},
         {s.string("caption"), caption}, {s.string("user_has_liked"), s.boolean_value(false)}};
     shape(s, dict_class, root);
+    for (int i = 0; padded && i < 8; ++i) root.push_back({s.string("filler " + std::to_string(i)), s.string("f")});
     return s.bytes(s.dictionary(dict_class, root));
   };
   auto plain = [](Sketch&, std::uint64_t, std::vector<std::pair<std::uint64_t, std::uint64_t>>&) {};
@@ -412,6 +415,10 @@ TEST(MediaConversion, ReadingOnlyTheTakenValuesConvertsExactlyAsDecodingWhole) {
            root.insert(root.begin(), {s.string("id"), s.string("$null")});
            root.insert(root.begin(), {s.string("link"), 0});
          });
+       }},
+      {"the same key twice: the first counts", Reads,
+       [&] {
+         return record([](Sketch& s, std::uint64_t, auto& root) { root.insert(root.begin(), {s.string("id"), s.string("7_8")}); });
        }},
       {"NSNull and a number as values", Reads,
        [&] {
@@ -485,8 +492,10 @@ TEST(MediaConversion, ReadingOnlyTheTakenValuesConvertsExactlyAsDecodingWhole) {
              "</array></dict></plist>");
        }},
   };
+  for (const bool pad : {false, true})
   for (const Case& c : cases) {
-    SCOPED_TRACE(c.name);
+    SCOPED_TRACE(std::string(c.name) + (pad ? " (padded)" : ""));
+    padded = pad;
     const std::string bytes = c.make();
     Result<Ref<Dictionary>> decoded = decode_media_record(bytes);
     const std::string whole = archive_root(convertedDictionary(decoded.ok() ? decoded.value().get() : nullptr).get());
