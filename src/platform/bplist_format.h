@@ -133,18 +133,16 @@ class View {
   std::uint64_t num_objects_ = 0, top_ = 0, table_ = 0;
   std::uint8_t offset_size_ = 0, ref_size_ = 0;
   std::uint64_t object_end_ = 0;  // objects lie in [8, object_end_)
-  // Every object item() reads; it reads the commonest ones itself.
-  Result<Item> item_slow(std::uint64_t index) const;
+  Result<Item> item_slow(std::uint64_t index) const;  // item() of any object
   std::uint64_t offset(std::uint64_t index) const {
     return detail::be_padded(reinterpret_cast<const unsigned char*>(bytes_.data() + table_ + index * offset_size_),
                              offset_size_);
   }
 };
 
-// The quick readings are inline: unarchiving calls them for nearly every object it meets.
-
-// Short strings, UIDs, small containers and integers of up to 8 bytes are read here, with exactly
-// the checks and the item item_slow() gives them; everything else (and every error) there.
+// The quick readings are inline: unarchiving calls them for nearly every object it meets. So is
+// item() for short strings, UIDs, small containers and integers of up to 8 bytes, giving exactly the
+// item item_slow() would; every other object, and every error, is item_slow()'s.
 [[gnu::always_inline]] inline Result<Item> View::item(std::uint64_t index) const {
   if (index < num_objects_) {
     const std::uint64_t o = offset(index);
@@ -193,6 +191,7 @@ class View {
   }
   return item_slow(index);
 }
+
 inline std::optional<std::uint64_t> View::uid_at(std::uint64_t index) const {
   if (index >= num_objects_) return std::nullopt;
   const std::uint64_t o = offset(index);

@@ -189,6 +189,13 @@ TEST(BinaryPlist, MalformedInputsAreErrors) {
       {"unknown marker", hand_made({"\xE0"})},
       {"non-string dictionary key", hand_made({std::string("\xD1\x01\x01", 3), "\x10\x05"})},
       {"bad reference size", hand_made({"\x09"}, 3)},
+      // Each one byte short of the object area, in the forms read most often.
+      {"short string one byte short", hand_made({"\x53" "ab"})},
+      {"UTF-8 string one byte short", hand_made({"\x72\xc3"})},
+      {"UID one byte short", hand_made({std::string("\xA1\x01", 2), "\x81\x01"})},
+      {"integer one byte short", hand_made({"\x12\x01\x02\x03"})},
+      {"array one reference short", hand_made({std::string("\xA2\x00", 2)})},
+      {"dictionary one reference short", hand_made({std::string("\xD1\x01", 2), "\x51k"})},
   };
   // 100,000-deep nesting that is valid except that the innermost array points back to the top.
   {
