@@ -561,19 +561,28 @@ class KeyedUnarchiverImpl final : public KeyedDecoder {
       if (!list) return true;
       if (list->type != Type::Array) return false;
       first = static_cast<std::uint32_t>(elements.size());
-      for (std::uint64_t i = 0; i < list->count; ++i) {
+      // Sized once and filled through pointers (a list is as long as its item says, which lies in the
+      // file); the targets end where the last UID was noted.
+      const std::uint64_t n = list->count;
+      elements.resize(first + n);
+      std::size_t noted = targets.size();
+      targets.resize(noted + n);
+      std::uint64_t* const element = elements.data() + first;
+      std::uint64_t* const target = targets.data();
+      for (std::uint64_t i = 0; i < n; ++i) {
         const std::uint64_t r = v_.ref_unchecked(*list, i);
         if (r >= object_count) return false;
         if (std::optional<std::uint64_t> uid = v_.uid_at(r)) {
-          targets.push_back(*uid);
-          elements.push_back(*uid);
+          target[noted++] = *uid;
+          element[i] = *uid;
           continue;
         }
         auto e = v_.item(r);
         if (!e) return false;
-        note_target(e.value());
-        elements.push_back(e->type == Type::Uid ? e->scalar : kInline);
+        if (e->type == Type::Uid) target[noted++] = e->scalar;
+        element[i] = e->type == Type::Uid ? e->scalar : kInline;
       }
+      targets.resize(noted);
       return true;
     };
     for (std::uint64_t uid = 1; uid < count; ++uid) {
