@@ -405,24 +405,6 @@ Builder::Obj Builder::scalar(Type type, std::uint8_t flag, std::uint64_t bits) {
 std::uint32_t Builder::reserve() { return push(scalar(Type::Null, 0, 0)); }
 
 namespace {
-std::uint64_t hash_bytes(std::string_view s) {
-  std::uint64_t h = 0x9e3779b97f4a7c15ull ^ s.size();
-  std::size_t i = 0;
-  for (; i + 8 <= s.size(); i += 8) {
-    std::uint64_t w;
-    std::memcpy(&w, s.data() + i, 8);
-    h = (h ^ w) * 0xff51afd7ed558ccdull;
-    h ^= h >> 32;
-  }
-  std::uint64_t tail = 0;
-  std::memcpy(&tail, s.data() + i, s.size() - i);
-  h = (h ^ tail) * 0xc4ceb9fe1a85ec53ull;
-  return h ^ (h >> 29);
-}
-
-}  // namespace
-
-namespace {
 
 // Doubles an open-addressing table (linear probing, a power-of-two size) before it gets more than
 // three quarters full; `place` gives a slot's home position.

@@ -62,6 +62,23 @@ inline std::uint64_t be_padded(const unsigned char* p, unsigned n) {
 }
 }  // namespace detail
 
+// A 64-bit hash of bytes, eight at a time: the builder's table of strings and the archive lookups'
+// index of keys.
+inline std::uint64_t hash_bytes(std::string_view s) {
+  std::uint64_t h = 0x9e3779b97f4a7c15ull ^ s.size();
+  std::size_t i = 0;
+  for (; i + 8 <= s.size(); i += 8) {
+    std::uint64_t w;
+    std::memcpy(&w, s.data() + i, 8);
+    h = (h ^ w) * 0xff51afd7ed558ccdull;
+    h ^= h >> 32;
+  }
+  std::uint64_t tail = 0;
+  std::memcpy(&tail, s.data() + i, s.size() - i);
+  h = (h ^ tail) * 0xc4ceb9fe1a85ec53ull;
+  return h ^ (h >> 29);
+}
+
 // True when every byte is below 0x80; eight bytes at a time (the last ones overlapping), since every
 // string of an archive is checked.
 inline bool is_ascii(std::string_view s) {

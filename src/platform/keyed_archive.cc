@@ -723,7 +723,7 @@ class KeyedUnarchiverImpl final : public KeyedDecoder {
       if (index.dict != dict_uid) index_keys(dict_uid, n);
       if (index.usable) {
         const std::size_t mask = index.slots.size() - 1;
-        for (std::size_t i = key_hash(key) & mask;; i = (i + 1) & mask) {
+        for (std::size_t i = bplist::hash_bytes(key) & mask;; i = (i + 1) & mask) {
           const auto& [text, v] = index.slots[i];
           if (text.data() == nullptr) return 0;
           if (text == key) return v;
@@ -754,11 +754,6 @@ class KeyedUnarchiverImpl final : public KeyedDecoder {
 
   // Dictionaries of this many entries are searched through an index of their keys.
   static constexpr std::uint64_t kIndexedFrom = 8;
-  static std::size_t key_hash(std::string_view key) {
-    std::size_t h = key.size();
-    for (unsigned char c : key) h = h * 31 + c;
-    return h;
-  }
   // Indexes the keys of a dictionary record as the search in find_entry meets them: the first entry of
   // each key wins and left-out entries are skipped. A dictionary with an entry the search stops at (a
   // value in place, an object as key, a key that is not a plain string) is left to that search.
@@ -781,7 +776,7 @@ class KeyedUnarchiverImpl final : public KeyedDecoder {
       if (kinds[k] != kValue) return;
       const std::string_view text = scratch_->texts[k];
       if (text.data() == nullptr) return;
-      std::size_t j = key_hash(text) & mask;
+      std::size_t j = bplist::hash_bytes(text) & mask;
       while (index.slots[j].first.data() != nullptr && index.slots[j].first != text) j = (j + 1) & mask;
       if (index.slots[j].first.data() == nullptr) index.slots[j] = {text, v};
     }

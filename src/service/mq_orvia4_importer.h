@@ -9,10 +9,11 @@
 #include <string>
 
 #include "nodes/importer_context.h"
-#include "outline/outline_folder_model.h"
 #include "records/records.h"
 
 namespace orvia {
+
+class OutlineFolderModel;
 
 inline constexpr std::string_view kLegacyBundleID = "com.brenvik.velmora";
 inline constexpr std::string_view kAlbumPseudoUser = "*--*albums*--*";
