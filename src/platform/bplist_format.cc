@@ -4,9 +4,12 @@
 #include <atomic>
 #include <condition_variable>
 #include <cstring>
+#include <exception>
+#include <functional>
 #include <limits>
 #include <mutex>
 #include <thread>
+#include <vector>
 
 #include <fmt/format.h>
 
@@ -744,35 +747,21 @@ std::string Builder::write(std::uint32_t top) const {
   return out;
 }
 
-bool Builder::write_to(std::uint32_t top, Sink& sink) const {
-  const std::uint64_t count = objects_.size();
-  // As Apple's reader demands: the reference size must hold the object count itself.
-  const unsigned ref_size = size_for(count);
-  // First the exact size, so that offsets need not be kept: the offset table is written from the same
-  // sizes again.
-  std::uint64_t objects_end = 8;
-  for (std::uint64_t i = 0; i < count; ++i) objects_end += encoded_size(objects_[i], ref_size);
-  const unsigned offset_size = size_for(objects_end);
-  const std::uint64_t total = objects_end + count * offset_size + 32;
-  sink.expect(total);
-  PieceWriter w(sink, total > 8 * PieceWriter::kCapacity);
-  char* p = w.room(8);
-  std::memcpy(p, "bplist00", 8);
-  w.commit(p + 8);
+namespace {
 
-  auto store_refs_any = [&](char* at, const std::uint32_t* refs, std::uint64_t n) {
-    switch (ref_size) {
-      case 1: return store_refs<1>(at, refs, n);
-      case 2: return store_refs<2>(at, refs, n);
-      default: return store_refs<4>(at, refs, n);
-    }
-  };
+inline char* store_refs_any(char* at, const std::uint32_t* refs, std::uint64_t n, unsigned ref_size) {
+  switch (ref_size) {
+    case 1: return store_refs<1>(at, refs, n);
+    case 2: return store_refs<2>(at, refs, n);
+    default: return store_refs<4>(at, refs, n);
+  }
+}
 
-  for (std::uint64_t i = 0; i < count && w.ok(); ++i) {
+}  // namespace
+
+char* Builder::encode_objects(std::size_t begin, std::size_t end, unsigned ref_size, char* p) const {
+  for (std::size_t i = begin; i < end; ++i) {
     const Obj& o = objects_[i];
-    const std::uint64_t size = encoded_size(o, ref_size);
-    const bool whole = size <= PieceWriter::kCapacity;
-    p = w.room(whole ? size : 32);
     switch (static_cast<Type>(o.type)) {
       case Type::Null:
         *p++ = 0x00;
@@ -809,14 +798,8 @@ bool Builder::write_to(std::uint32_t top, Sink& sink) const {
         const bool is_data = static_cast<Type>(o.type) == Type::Data;
         std::string_view bytes = is_data || o.flag ? o.bytes() : utf16_of(o);
         p = store_marker_count(p, is_data ? 0x4 : o.flag ? 0x5 : 0x6, is_data || o.flag ? bytes.size() : bytes.size() / 2);
-        if (whole) {
-          if (!bytes.empty()) std::memcpy(p, bytes.data(), bytes.size());
-          p += bytes.size();
-        } else {
-          w.commit(p);
-          w.put_direct(bytes);
-          continue;
-        }
+        if (!bytes.empty()) std::memcpy(p, bytes.data(), bytes.size());
+        p += bytes.size();
         break;
       }
       case Type::Uid: {
@@ -831,25 +814,218 @@ bool Builder::write_to(std::uint32_t top, Sink& sink) const {
         const Type t = static_cast<Type>(o.type);
         p = store_marker_count(p, t == Type::Array ? 0xA : t == Type::Set ? 0xC : 0xD, o.n());
         const std::uint64_t n = t == Type::Dict ? 2 * o.n() : o.n();
-        const auto* refs = reinterpret_cast<const std::uint32_t*>(o.a);
-        if (whole) {
-          p = store_refs_any(p, refs, n);
-        } else {
-          w.commit(p);
-          const std::uint64_t per_piece = PieceWriter::kCapacity / ref_size;
-          for (std::uint64_t k = 0; k < n; k += per_piece) {
-            const std::uint64_t m = std::min(per_piece, n - k);
-            char* q = w.room(m * ref_size);
-            w.commit(store_refs_any(q, refs + k, m));
-          }
-          continue;
-        }
+        p = store_refs_any(p, reinterpret_cast<const std::uint32_t*>(o.a), n, ref_size);
         break;
       }
     }
-    w.commit(p);
   }
-  const std::uint64_t table = objects_end;
+  return p;
+}
+
+template <class Writer>
+void Builder::stream_objects(std::size_t begin, std::size_t end, unsigned ref_size, Writer& w) const {
+  for (std::size_t i = begin; i < end && w.ok(); ++i) {
+    const Obj& o = objects_[i];
+    const std::uint64_t size = encoded_size(o, ref_size);
+    if (size <= Writer::kCapacity) {
+      char* p = w.room(size);
+      w.commit(encode_objects(i, i + 1, ref_size, p));
+      continue;
+    }
+    // Larger than a piece: the header, then the bytes or references in pieces.
+    char* p = w.room(32);
+    const Type t = static_cast<Type>(o.type);
+    if (t == Type::Array || t == Type::Set || t == Type::Dict) {
+      w.commit(store_marker_count(p, t == Type::Array ? 0xA : t == Type::Set ? 0xC : 0xD, o.n()));
+      const std::uint64_t n = t == Type::Dict ? 2 * o.n() : o.n();
+      const auto* refs = reinterpret_cast<const std::uint32_t*>(o.a);
+      const std::uint64_t per_piece = Writer::kCapacity / ref_size;
+      for (std::uint64_t k = 0; k < n; k += per_piece) {
+        const std::uint64_t m = std::min(per_piece, n - k);
+        char* q = w.room(m * ref_size);
+        w.commit(store_refs_any(q, refs + k, m, ref_size));
+      }
+    } else {
+      const bool is_data = t == Type::Data;
+      std::string_view bytes = is_data || o.flag ? o.bytes() : utf16_of(o);
+      w.commit(store_marker_count(p, is_data ? 0x4 : o.flag ? 0x5 : 0x6, is_data || o.flag ? bytes.size() : bytes.size() / 2));
+      w.put_direct(bytes);
+    }
+  }
+}
+
+namespace {
+
+// The 32-byte trailer.
+char* store_trailer(char* p, unsigned offset_size, unsigned ref_size, std::uint64_t count, std::uint64_t top,
+                    std::uint64_t table) {
+  std::memset(p, 0, 6);
+  p += 6;
+  *p++ = static_cast<char>(offset_size);
+  *p++ = static_cast<char>(ref_size);
+  p = store_be(p, count, 8);
+  p = store_be(p, top, 8);
+  return store_be(p, table, 8);
+}
+
+// Runs `work` on the calling thread and on one helper thread, and returns when both are done. An
+// exception on either (out of memory) is thrown again here once both have stopped.
+void on_two_threads(const std::function<void()>& work) {
+  std::exception_ptr helper_error;
+  std::thread helper([&] {
+    name_this_thread("orvia-encode");
+    try {
+      work();
+    } catch (...) {
+      helper_error = std::current_exception();
+    }
+  });
+  std::exception_ptr own_error;
+  try {
+    work();
+  } catch (...) {
+    own_error = std::current_exception();
+  }
+  helper.join();
+  if (own_error) std::rethrow_exception(own_error);
+  if (helper_error) std::rethrow_exception(helper_error);
+}
+
+// Makes pieces 0..n-1 of a file on two threads and hands them to the sink in order, one call at a
+// time, whichever thread finished them. `size(c)` is piece c's byte count; `fill(c, out)` writes a
+// piece into a buffer; a piece larger than `max_buffered` is instead written by `stream(c, sink)`
+// straight to the sink once every piece before it has been handed on. At most kAhead pieces wait in
+// buffers, so memory stays a few pieces whatever the file's size.
+class OrderedPieces {
+ public:
+  static constexpr std::size_t kAhead = 4;
+  using Size = std::function<std::size_t(std::size_t)>;
+  using Fill = std::function<void(std::size_t, char*)>;
+  using Stream = std::function<bool(std::size_t, Builder::Sink&)>;
+
+  OrderedPieces(std::size_t n, Builder::Sink& sink, std::size_t max_buffered, Size size, Fill fill, Stream stream)
+      : n_(n), sink_(sink), max_buffered_(max_buffered), size_(std::move(size)), fill_(std::move(fill)),
+        stream_(std::move(stream)), ready_(n, 0) {}
+
+  bool run() {
+    on_two_threads([this] { work(); });
+    return !failed_ && handed_ == n_;
+  }
+
+ private:
+  struct Buffer {
+    std::unique_ptr<char[]> bytes;
+    std::size_t capacity = 0;
+  };
+
+  void work() {
+    std::unique_lock lock(mutex_);
+    try {
+      for (;;) {
+        changed_.wait(lock, [&] { return failed_ || next_ >= n_ || next_ < handed_ + kAhead; });
+        if (failed_ || next_ >= n_) return;
+        const std::size_t c = next_++;
+        const std::size_t bytes = size_(c);
+        if (bytes > max_buffered_) {
+          changed_.wait(lock, [&] { return failed_ || (handed_ == c && !handing_); });
+          if (failed_) return;
+          handing_ = true;
+          lock.unlock();
+          const bool ok = stream_(c, sink_);
+          lock.lock();
+          handing_ = false;
+          if (!ok) failed_ = true;
+          handed_ = c + 1;
+          changed_.notify_all();
+        } else {
+          Buffer& b = buffers_[c % kAhead];  // free: piece c - kAhead was handed on
+          lock.unlock();
+          if (b.capacity < bytes) {
+            b.bytes.reset();
+            b.bytes = std::make_unique_for_overwrite<char[]>(bytes);
+            b.capacity = bytes;
+          }
+          fill_(c, b.bytes.get());
+          lock.lock();
+          ready_[c] = 1;
+        }
+        hand_on(lock);
+      }
+    } catch (...) {
+      if (!lock.owns_lock()) lock.lock();
+      failed_ = true;
+      changed_.notify_all();
+      throw;
+    }
+  }
+
+  // Hands on the pieces that are ready, in order, unless the other thread is doing so.
+  void hand_on(std::unique_lock<std::mutex>& lock) {
+    if (handing_) return;
+    handing_ = true;
+    while (!failed_ && handed_ < n_ && ready_[handed_]) {
+      const std::size_t c = handed_;
+      lock.unlock();
+      const bool ok = sink_.put(std::string_view(buffers_[c % kAhead].bytes.get(), size_(c)));
+      lock.lock();
+      if (!ok) failed_ = true;
+      handed_ = c + 1;
+      changed_.notify_all();
+    }
+    handing_ = false;
+    changed_.notify_all();
+  }
+
+  const std::size_t n_;
+  Builder::Sink& sink_;
+  const std::size_t max_buffered_;
+  Size size_;
+  Fill fill_;
+  Stream stream_;
+  std::mutex mutex_;
+  std::condition_variable changed_;
+  std::vector<unsigned char> ready_;  // piece made and waiting in its buffer
+  Buffer buffers_[kAhead];
+  std::size_t next_ = 0;    // the next piece to make
+  std::size_t handed_ = 0;  // pieces handed on so far
+  bool handing_ = false;    // a thread is handing pieces on
+  bool failed_ = false;
+};
+
+// Runs `each(c)` for c in [0, n) on two threads.
+void for_each_on_two_threads(std::size_t n, const std::function<void(std::size_t)>& each) {
+  std::atomic<std::size_t> next{0};
+  on_two_threads([&] {
+    for (std::size_t c; (c = next.fetch_add(1, std::memory_order_relaxed)) < n;) each(c);
+  });
+}
+
+}  // namespace
+
+bool Builder::write_to(std::uint32_t top, Sink& sink, const WriteOptions& options) const {
+  const std::uint64_t count = objects_.size();
+  // As Apple's reader demands: the reference size must hold the object count itself.
+  const unsigned ref_size = size_for(count);
+  const std::size_t run = std::max<std::size_t>(options.run_objects, 1);
+  const bool two = options.threads == 2 ||
+                   (options.threads == 0 && count >= 4 * run && std::thread::hardware_concurrency() > 1);
+  return two && count > run ? write_parallel(top, sink, ref_size, options) : write_serial(top, sink, ref_size);
+}
+
+bool Builder::write_serial(std::uint32_t top, Sink& sink, unsigned ref_size) const {
+  const std::uint64_t count = objects_.size();
+  // First the exact size, so that offsets need not be kept: the offset table is written from the same
+  // sizes again.
+  std::uint64_t objects_end = 8;
+  for (std::uint64_t i = 0; i < count; ++i) objects_end += encoded_size(objects_[i], ref_size);
+  const unsigned offset_size = size_for(objects_end);
+  const std::uint64_t total = objects_end + count * offset_size + 32;
+  sink.expect(total);
+  PieceWriter w(sink, total > 8 * PieceWriter::kCapacity);
+  char* p = w.room(8);
+  std::memcpy(p, "bplist00", 8);
+  w.commit(p + 8);
+  stream_objects(0, count, ref_size, w);
   std::uint64_t offset = 8;
   for (std::uint64_t i = 0; i < count && w.ok(); ++i) {
     p = w.room(offset_size);
@@ -857,15 +1033,66 @@ bool Builder::write_to(std::uint32_t top, Sink& sink) const {
     offset += encoded_size(objects_[i], ref_size);
   }
   p = w.room(32);
-  std::memset(p, 0, 6);
-  p += 6;
-  *p++ = static_cast<char>(offset_size);
-  *p++ = static_cast<char>(ref_size);
-  p = store_be(p, count, 8);
-  p = store_be(p, top, 8);
-  p = store_be(p, table, 8);
-  w.commit(p);
+  w.commit(store_trailer(p, offset_size, ref_size, count, top, objects_end));
   return w.finish();
+}
+
+// A large file on two threads: the objects are taken in runs whose sizes are summed first (so every
+// run knows where it starts), then encoded side by side, and the offset table likewise; the sink
+// still gets the bytes in order.
+bool Builder::write_parallel(std::uint32_t top, Sink& sink, unsigned ref_size, const WriteOptions& options) const {
+  const std::size_t count = objects_.size();
+  const std::size_t run = std::max<std::size_t>(options.run_objects, 1);
+  const std::size_t runs = (count + run - 1) / run;
+  auto run_begin = [&](std::size_t r) { return r * run; };
+  auto run_end = [&](std::size_t r) { return std::min(count, (r + 1) * run); };
+  std::vector<std::uint64_t> start(runs + 1);  // byte offset of each run; start[runs]: end of the objects
+  for_each_on_two_threads(runs, [&](std::size_t r) {
+    std::uint64_t bytes = 0;
+    for (std::size_t i = run_begin(r); i < run_end(r); ++i) bytes += encoded_size(objects_[i], ref_size);
+    start[r + 1] = bytes;
+  });
+  start[0] = 8;
+  for (std::size_t r = 0; r < runs; ++r) start[r + 1] += start[r];
+  const std::uint64_t objects_end = start[runs];
+  const unsigned offset_size = size_for(objects_end);
+  sink.expect(objects_end + count * offset_size + 32);
+  if (!sink.put("bplist00")) return false;
+
+  const std::size_t max_buffered = std::max<std::size_t>(options.max_buffered, 1);
+  OrderedPieces objects(
+      runs, sink, max_buffered, [&](std::size_t r) { return static_cast<std::size_t>(start[r + 1] - start[r]); },
+      [&](std::size_t r, char* out) { encode_objects(run_begin(r), run_end(r), ref_size, out); },
+      [&](std::size_t r, Sink& s) {
+        PieceWriter w(s, false);
+        stream_objects(run_begin(r), run_end(r), ref_size, w);
+        return w.finish();
+      });
+  if (!objects.run()) return false;
+
+  OrderedPieces table(
+      runs, sink, max_buffered, [&](std::size_t r) { return (run_end(r) - run_begin(r)) * offset_size; },
+      [&](std::size_t r, char* out) {
+        std::uint64_t offset = start[r];
+        for (std::size_t i = run_begin(r); i < run_end(r); ++i) {
+          out = store_be(out, offset, offset_size);
+          offset += encoded_size(objects_[i], ref_size);
+        }
+      },
+      [&](std::size_t r, Sink& s) {
+        PieceWriter w(s, false);
+        std::uint64_t offset = start[r];
+        for (std::size_t i = run_begin(r); i < run_end(r) && w.ok(); ++i) {
+          char* p = w.room(offset_size);
+          w.commit(store_be(p, offset, offset_size));
+          offset += encoded_size(objects_[i], ref_size);
+        }
+        return w.finish();
+      });
+  if (!table.run()) return false;
+  char trailer[32];
+  store_trailer(trailer, offset_size, ref_size, count, top, objects_end);
+  return sink.put(std::string_view(trailer, sizeof trailer));
 }
 
 }  // namespace orvia::bplist

@@ -263,11 +263,21 @@ class Builder {
     virtual void expect(std::uint64_t total_size) { (void)total_size; }  // called once, before any piece
     virtual bool put(std::string_view piece) = 0;                      // false stops the writing
   };
+  // How a file is written: the defaults suit every caller; tests set them to reach every path.
+  struct WriteOptions {
+    // 0: two threads for a large file on a machine with more than one core (one otherwise); 1 or 2.
+    unsigned threads = 0;
+    // With two threads, objects are encoded in runs of this many, each into a buffer of its own
+    // unless its bytes exceed max_buffered, in which case it is written straight to the sink.
+    std::size_t run_objects = std::size_t{1} << 16;
+    std::size_t max_buffered = std::size_t{8} << 20;
+  };
   // The whole file, with `top` as the top object.
   std::string write(std::uint32_t top) const;
-  // The same bytes handed to `sink` a megabyte or so at a time, so the file need not be in memory
+  // The same bytes handed to `sink` in pieces of about a megabyte, so the file need not be in memory
   // beside the builder. False when the sink stopped it.
-  bool write_to(std::uint32_t top, Sink& sink) const;
+  bool write_to(std::uint32_t top, Sink& sink) const { return write_to(top, sink, WriteOptions{}); }
+  bool write_to(std::uint32_t top, Sink& sink, const WriteOptions& options) const;
 
  private:
   struct Obj {
@@ -322,6 +332,13 @@ class Builder {
   std::uint32_t push(Obj o);
   static Obj scalar(Type type, std::uint8_t flag, std::uint64_t bits);
   std::uint64_t encoded_size(const Obj& o, unsigned ref_size) const;
+  // Objects [begin, end) encoded at p, which has room for all of them; the end of what was written.
+  char* encode_objects(std::size_t begin, std::size_t end, unsigned ref_size, char* p) const;
+  // Objects [begin, end) handed to a piece writer; objects larger than its buffer go in several pieces.
+  template <class Writer>
+  void stream_objects(std::size_t begin, std::size_t end, unsigned ref_size, Writer& w) const;
+  bool write_serial(std::uint32_t top, Sink& sink, unsigned ref_size) const;
+  bool write_parallel(std::uint32_t top, Sink& sink, unsigned ref_size, const WriteOptions& options) const;
   // A non-ASCII string's UTF-16BE form, stored right after its UTF-8 bytes.
   static std::string_view utf16_of(const Obj& o);
   void set_container(std::uint32_t index, Type type, const std::uint32_t* first, const std::uint32_t* second,

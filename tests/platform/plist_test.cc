@@ -328,11 +328,18 @@ TEST(BinaryPlist, WritingInPiecesGivesTheSameBytes) {
     b.set_array(top, refs.data(), refs.size());
 
     const std::string whole = b.write(top);
-    Pieces pieces;
-    ASSERT_TRUE(b.write_to(top, pieces));
-    EXPECT_EQ(pieces.expected, whole.size());
-    EXPECT_GT(pieces.count, 5u);
-    EXPECT_TRUE(pieces.bytes == whole);
+    // One thread; then two, in runs of objects small and large enough that runs are buffered, or
+    // written straight on because a large object makes them larger than a buffer may be.
+    using Options = bplist::Builder::WriteOptions;
+    for (const Options& options : {Options{1}, Options{2, 7, 1 << 16}, Options{2, 1000, 8 << 20},
+                                   Options{2, 65536, 8 << 20}, Options{2, 70000, 1}}) {
+      SCOPED_TRACE(testing::Message() << options.threads << " threads, runs of " << options.run_objects);
+      Pieces pieces;
+      ASSERT_TRUE(b.write_to(top, pieces, options));
+      EXPECT_EQ(pieces.expected, whole.size());
+      EXPECT_GT(pieces.count, 5u);
+      EXPECT_TRUE(pieces.bytes == whole);
+    }
     auto back = read_binary_plist(whole);
     ASSERT_TRUE(back.ok()) << back.error().message;
     const Array* a = as_array(back.value().get());
@@ -344,9 +351,11 @@ TEST(BinaryPlist, WritingInPiecesGivesTheSameBytes) {
     struct Refusing final : bplist::Builder::Sink {
       int calls = 0;
       bool put(std::string_view) override { return ++calls < 2; }
-    } refusing;
+    } refusing, refusing_two;
     EXPECT_FALSE(b.write_to(top, refusing));
     EXPECT_EQ(refusing.calls, 2);
+    EXPECT_FALSE(b.write_to(top, refusing_two, {2, 1000, 1 << 16}));
+    EXPECT_EQ(refusing_two.calls, 2);
   }
 }
 
