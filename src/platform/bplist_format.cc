@@ -13,6 +13,7 @@
 
 #include <fmt/format.h>
 
+#include "platform/prefault.h"
 #include "platform/queue.h"
 
 namespace orvia::bplist {
@@ -361,7 +362,10 @@ double View::real(const Item& it) const { return bits_to_double(it.scalar); }
 Builder::Builder() = default;
 
 std::uint32_t Builder::Objects::push(const Obj& o) {
-  if ((size_ >> kShift) == blocks_.size()) blocks_.push_back(std::make_unique_for_overwrite<Obj[]>(kMask + 1));
+  if ((size_ >> kShift) == blocks_.size()) {
+    blocks_.push_back(std::make_unique_for_overwrite<Obj[]>(kMask + 1));
+    prefault(blocks_.back().get(), (kMask + 1) * sizeof(Obj));
+  }
   (*this)[size_] = o;
   return static_cast<std::uint32_t>(size_++);
 }
@@ -370,11 +374,13 @@ char* Builder::Arena::allocate(std::size_t size, std::size_t align) {
   constexpr std::size_t kBlock = 1 << 20;
   if (size > kBlock / 4) {  // a block of its own; the current block stays open
     large_.push_back(std::make_unique_for_overwrite<char[]>(size));
+    prefault(large_.back().get(), size);
     return large_.back().get();
   }
   std::size_t pad = next_ ? (align - reinterpret_cast<std::uintptr_t>(next_) % align) % align : 0;
   if (!next_ || pad + size > left_) {
     blocks_.push_back(std::make_unique_for_overwrite<char[]>(kBlock));
+    prefault(blocks_.back().get(), kBlock);
     next_ = blocks_.back().get();
     left_ = kBlock;
     pad = 0;
@@ -411,12 +417,12 @@ namespace {
 
 // Doubles an open-addressing table (linear probing, a power-of-two size) before it gets more than
 // three quarters full; `place` gives a slot's home position.
-template <class Slot, class Place>
-void grow_if_full(std::vector<Slot>& slots, std::size_t used, Place place) {
+template <class Slots, class Place>
+void grow_if_full(Slots& slots, std::size_t used, Place place) {
   if ((used + 1) * 4 <= slots.size() * 3) return;
-  std::vector<Slot> grown(slots.size() * 2);
+  Slots grown(slots.size() * 2);
   const std::size_t mask = grown.size() - 1;
-  for (const Slot& slot : slots) {
+  for (const auto& slot : slots) {
     if (!slot.index_plus_one) continue;
     std::size_t i = place(slot) & mask;
     while (grown[i].index_plus_one) i = (i + 1) & mask;

@@ -24,6 +24,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "platform/prefault.h"
 #include "platform/result.h"
 
 namespace orvia::bplist {
@@ -325,7 +326,7 @@ class Builder {
       std::uint32_t index_plus_one = 0;
       std::uint32_t hash = 0;  // the low 32 bits of the bytes' hash: the slot, and compared first
     };
-    std::vector<Slot> slots = std::vector<Slot>(64);
+    std::vector<Slot, PrefaultAllocator<Slot>> slots = std::vector<Slot, PrefaultAllocator<Slot>>(64);
     std::size_t used = 0;
   };
   std::uint32_t add_bytes(BytesTable& table, std::string_view bytes, Type type, bool ascii);
@@ -352,12 +353,12 @@ class Builder {
       std::uint64_t bits = 0;
       std::uint32_t index_plus_one = 0;
     };
-    std::vector<Slot> slots = std::vector<Slot>(64);
+    std::vector<Slot, PrefaultAllocator<Slot>> slots = std::vector<Slot, PrefaultAllocator<Slot>>(64);
     std::size_t used = 0;
   };
   std::uint32_t add_scalar(ScalarTable& table, Type type, std::uint8_t flag, std::uint64_t bits);
   ScalarTable ints_, reals_, dates_, uints_;
-  std::vector<std::uint32_t> uids_;  // uid value -> index + 1
+  std::vector<std::uint32_t, PrefaultAllocator<std::uint32_t>> uids_;  // uid value -> index + 1
   std::uint32_t bools_[2] = {0, 0}, null_ = 0;
 };
 
