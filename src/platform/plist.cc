@@ -1,9 +1,12 @@
 #include "platform/plist.h"
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
 #include <cstring>
-#include <fstream>
 #include <memory>
-#include <sstream>
 #include <unordered_map>
 #include <vector>
 
@@ -458,12 +461,30 @@ Result<Ref<Object>> read_property_list(std::string_view bytes) {
 }
 
 Result<Ref<Object>> read_property_list_file(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  if (!in) return Error{fmt::format("plist: cannot open {}", path)};
-  std::ostringstream ss;
-  ss << in.rdbuf();
-  if (in.bad()) return Error{fmt::format("plist: cannot read {}", path)};
-  return read_property_list(ss.str());
+  struct File {
+    int fd;
+    ~File() {
+      if (fd >= 0) ::close(fd);
+    }
+  } file{::open(path.c_str(), O_RDONLY | O_CLOEXEC)};
+  const int fd = file.fd;
+  if (fd < 0) return Error{fmt::format("plist: cannot open {}", path)};
+  // A regular file is read into a string of its size at once (a preferences file can be tens of
+  // megabytes); anything else, or a file that grew meanwhile, is read on to its end.
+  std::string bytes;
+  struct stat st {};
+  if (::fstat(fd, &st) == 0 && S_ISREG(st.st_mode) && st.st_size > 0) bytes.resize(static_cast<std::size_t>(st.st_size));
+  std::size_t done = 0;
+  for (;;) {
+    if (done == bytes.size()) bytes.resize(done + 65536);
+    const ssize_t n = ::read(fd, bytes.data() + done, bytes.size() - done);
+    if (n < 0 && errno == EINTR) continue;
+    if (n < 0) return Error{fmt::format("plist: cannot read {}", path)};
+    if (n == 0) break;
+    done += static_cast<std::size_t>(n);
+  }
+  bytes.resize(done);
+  return read_property_list(bytes);
 }
 
 }  // namespace orvia
