@@ -1,10 +1,13 @@
 #include <gtest/gtest.h>
 
+#include <sys/stat.h>
+
 #include <cstdio>
 #include <cstring>
 #include <limits>
 #include <memory>
 #include <string>
+#include <thread>
 
 #include <plist/plist.h>
 
@@ -258,6 +261,36 @@ TEST(BinaryPlist, SharedContainersAreReadAsOneObject) {
   ASSERT_TRUE(back.ok());
   const Array* a = as_array(back.value().get());
   EXPECT_EQ(a->at(0).get(), a->at(1).get());
+}
+
+TEST(Plist, ReadsAFileWhateverKindOfPathHoldsIt) {
+  // A regular file is read at its size at once; a pipe is read to its end; a folder, an empty file
+  // and a missing path are errors, not crashes.
+  auto list = mutable_array();
+  for (int i = 0; i < 20000; ++i) list->push_back(str("entry " + std::to_string(i)));
+  const std::string bytes = write_binary_plist(list.get()).value();
+  ASSERT_GT(bytes.size(), 65536u * 3);
+  test::TempDir dir;
+  test::write_file(dir / "large.plist", bytes);
+  test::write_file(dir / "empty.plist", "");
+  std::filesystem::create_directory(dir / "folder.plist");
+  ASSERT_EQ(::mkfifo((dir / "pipe.plist").c_str(), 0600), 0);
+  std::thread feeder([&] { test::write_file(dir / "pipe.plist", bytes); });
+  auto through_pipe = read_property_list_file((dir / "pipe.plist").string());
+  feeder.join();
+  const struct {
+    std::string path;
+    bool ok;
+  } cases[] = {{(dir / "large.plist").string(), true},  {(dir / "empty.plist").string(), false},
+               {(dir / "folder.plist").string(), false}, {(dir / "missing.plist").string(), false}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.path);
+    auto read = read_property_list_file(c.path);
+    ASSERT_EQ(read.ok(), c.ok);
+    if (c.ok) EXPECT_EQ(as_array(read.value().get())->size(), list->size());
+  }
+  ASSERT_TRUE(through_pipe.ok()) << through_pipe.error().message;
+  EXPECT_EQ(text_of(as_array(through_pipe.value().get())->at(19999).get()), "entry 19999");
 }
 
 TEST(Plist, WrongTopLevelKindsAndWriterLimits) {
