@@ -287,7 +287,9 @@ TEST(Plist, ReadsAFileWhateverKindOfPathHoldsIt) {
     SCOPED_TRACE(c.path);
     auto read = read_property_list_file(c.path);
     ASSERT_EQ(read.ok(), c.ok);
-    if (c.ok) EXPECT_EQ(as_array(read.value().get())->size(), list->size());
+    if (c.ok) {
+      EXPECT_EQ(as_array(read.value().get())->size(), list->size());
+    }
   }
   ASSERT_TRUE(through_pipe.ok()) << through_pipe.error().message;
   EXPECT_EQ(text_of(as_array(through_pipe.value().get())->at(19999).get()), "entry 19999");
