@@ -860,6 +860,25 @@ void Builder::stream_objects(std::size_t begin, std::size_t end, unsigned ref_si
   }
 }
 
+char* Builder::encode_offsets(std::size_t begin, std::size_t end, std::uint64_t& offset, unsigned offset_size,
+                              unsigned ref_size, char* p) const {
+  for (std::size_t i = begin; i < end; ++i) {
+    p = store_be(p, offset, offset_size);
+    offset += encoded_size(objects_[i], ref_size);
+  }
+  return p;
+}
+
+template <class Writer>
+void Builder::stream_offsets(std::size_t begin, std::size_t end, std::uint64_t offset, unsigned offset_size,
+                             unsigned ref_size, Writer& w) const {
+  const std::size_t per_piece = Writer::kCapacity / offset_size;
+  for (std::size_t i = begin; i < end && w.ok(); i += per_piece) {
+    const std::size_t last = std::min(end, i + per_piece);
+    w.commit(encode_offsets(i, last, offset, offset_size, ref_size, w.room((last - i) * offset_size)));
+  }
+}
+
 namespace {
 
 // The 32-byte trailer.
@@ -1032,12 +1051,7 @@ bool Builder::write_serial(std::uint32_t top, Sink& sink, unsigned ref_size) con
   std::memcpy(p, "bplist00", 8);
   w.commit(p + 8);
   stream_objects(0, count, ref_size, w);
-  std::uint64_t offset = 8;
-  for (std::uint64_t i = 0; i < count && w.ok(); ++i) {
-    p = w.room(offset_size);
-    w.commit(store_be(p, offset, offset_size));
-    offset += encoded_size(objects_[i], ref_size);
-  }
+  stream_offsets(0, count, 8, offset_size, ref_size, w);
   p = w.room(32);
   w.commit(store_trailer(p, offset_size, ref_size, count, top, objects_end));
   return w.finish();
@@ -1080,19 +1094,11 @@ bool Builder::write_parallel(std::uint32_t top, Sink& sink, unsigned ref_size, c
       runs, sink, max_buffered, [&](std::size_t r) { return (run_end(r) - run_begin(r)) * offset_size; },
       [&](std::size_t r, char* out) {
         std::uint64_t offset = start[r];
-        for (std::size_t i = run_begin(r); i < run_end(r); ++i) {
-          out = store_be(out, offset, offset_size);
-          offset += encoded_size(objects_[i], ref_size);
-        }
+        encode_offsets(run_begin(r), run_end(r), offset, offset_size, ref_size, out);
       },
       [&](std::size_t r, Sink& s) {
         PieceWriter w(s, false);
-        std::uint64_t offset = start[r];
-        for (std::size_t i = run_begin(r); i < run_end(r) && w.ok(); ++i) {
-          char* p = w.room(offset_size);
-          w.commit(store_be(p, offset, offset_size));
-          offset += encoded_size(objects_[i], ref_size);
-        }
+        stream_offsets(run_begin(r), run_end(r), start[r], offset_size, ref_size, w);
         return w.finish();
       });
   if (!table.run()) return false;

@@ -338,6 +338,13 @@ class Builder {
   // Objects [begin, end) handed to a piece writer; objects larger than its buffer go in several pieces.
   template <class Writer>
   void stream_objects(std::size_t begin, std::size_t end, unsigned ref_size, Writer& w) const;
+  // Offset-table entries of objects [begin, end), the first object lying at `offset` (advanced past
+  // the last); written at p, or handed to a piece writer.
+  char* encode_offsets(std::size_t begin, std::size_t end, std::uint64_t& offset, unsigned offset_size,
+                       unsigned ref_size, char* p) const;
+  template <class Writer>
+  void stream_offsets(std::size_t begin, std::size_t end, std::uint64_t offset, unsigned offset_size,
+                      unsigned ref_size, Writer& w) const;
   bool write_serial(std::uint32_t top, Sink& sink, unsigned ref_size) const;
   bool write_parallel(std::uint32_t top, Sink& sink, unsigned ref_size, const WriteOptions& options) const;
   // A non-ASCII string's UTF-16BE form, stored right after its UTF-8 bytes.
