@@ -16,11 +16,14 @@
 #include <chrono>
 #include <cstdint>
 #include <cstdio>
+#include <filesystem>
 #include <fstream>
 #include <memory>
 #include <sstream>
 #include <string>
 #include <vector>
+
+#include "legacy/store_cache.h"
 
 namespace {
 
@@ -90,6 +93,13 @@ bool read_store(const std::string& path, Totals& totals, std::uint64_t& albums, 
   const std::string uri = "file:" + path + "?mode=ro&immutable=1";
   int rc = sqlite3_open_v2(uri.c_str(), &raw, SQLITE_OPEN_READONLY | SQLITE_OPEN_URI, nullptr);
   Db db(raw);
+  // The same page cache as the import's connection: the floor reads the rows as the import does.
+  std::error_code size_error;
+  const std::uintmax_t store_bytes = std::filesystem::file_size(path, size_error);
+  if (!size_error) {
+    const std::string cache = "PRAGMA cache_size = -" + std::to_string(orvia::store_page_cache_kib(store_bytes));
+    sqlite3_exec(raw, cache.c_str(), nullptr, nullptr, nullptr);
+  }
   if (rc != SQLITE_OK) {
     std::fprintf(stderr, "import_floor: cannot open %s: %s\n", path.c_str(), raw ? sqlite3_errmsg(raw) : "no memory");
     return false;
