@@ -38,7 +38,7 @@ Ref<Dictionary> MQUserDefaultsWrapper::preferences() const {
   const std::string path = preferencesDomain() + ".plist";
   {
     std::lock_guard<std::mutex> lock(mutex_);
-    if (snapshots_ > 0 && snapshot_checked_ && cached_ && (heap_ == nullptr || heap_ == Heap::current())) return top_;
+    if (snapshots_ > 0 && snapshot_checked_ && cached_ && usable_in_this_heap()) return top_;
   }
   FileStamp stamp;
   struct stat st {};
@@ -54,7 +54,7 @@ Ref<Dictionary> MQUserDefaultsWrapper::preferences() const {
   snapshot_checked_ = snapshots_ > 0;  // the first lookup of a snapshot still looks at the file
   // Values read outside any heap belong to none and stay whole wherever they are used, so the file
   // read for the installation check serves the run too; values read inside a heap end with it.
-  if (cached_ && stamp == stamp_ && (heap_ == nullptr || heap_ == Heap::current())) return top_;
+  if (cached_ && stamp == stamp_ && usable_in_this_heap()) return top_;
   Ref<Dictionary> top;
   if (stamp.exists) {
     auto parsed = read_property_list_file(path);
@@ -63,19 +63,32 @@ Ref<Dictionary> MQUserDefaultsWrapper::preferences() const {
   }
   cached_ = true;
   stamp_ = stamp;
-  heap_ = Heap::current();
+  heap_ = Heap::current_serial();
   top_ = top;
   return top;
 }
 
 MQUserDefaultsWrapper::Snapshot::Snapshot(const MQUserDefaultsWrapper& defaults) : defaults_(defaults) {
   std::lock_guard<std::mutex> lock(defaults_.mutex_);
-  if (defaults_.snapshots_++ == 0) defaults_.snapshot_checked_ = false;
+  if (defaults_.snapshots_++ == 0) {
+    defaults_.snapshot_checked_ = false;
+    defaults_.snapshot_heap_ = Heap::current_serial();
+  }
 }
 
 MQUserDefaultsWrapper::Snapshot::~Snapshot() {
   std::lock_guard<std::mutex> lock(defaults_.mutex_);
-  if (--defaults_.snapshots_ == 0) defaults_.snapshot_checked_ = false;
+  if (--defaults_.snapshots_ == 0) {
+    defaults_.snapshot_checked_ = false;
+    defaults_.snapshot_heap_ = 0;
+  }
+}
+
+bool MQUserDefaultsWrapper::usable_in_this_heap() const {
+  // Values read outside any heap serve every heap. Values read in the heap where the open snapshot
+  // began also serve the threads that help the run with heaps of their own: that heap outlives the
+  // snapshot, and the helpers are done before the snapshot ends.
+  return heap_ == 0 || heap_ == Heap::current_serial() || (snapshots_ > 0 && heap_ == snapshot_heap_);
 }
 
 Ref<Object> MQUserDefaultsWrapper::valueForKey(std::string_view key) const {

@@ -90,7 +90,10 @@ class MQUserDefaultsWrapper final : public Record {
   mutable int snapshots_ = 0;              // live Snapshot scopes
   mutable bool snapshot_checked_ = false;  // the file was looked at since the outermost scope began
   mutable FileStamp stamp_;
-  mutable const Heap* heap_ = nullptr;
+  // Heaps by serial number (0: none), since a later heap may take the address of one that has ended.
+  mutable std::uint64_t heap_ = 0;           // the heap the cached values were read in
+  mutable std::uint64_t snapshot_heap_ = 0;  // the heap current when the outermost snapshot began
+  bool usable_in_this_heap() const;              // whether the cached values may serve this thread (locked)
   mutable Ref<Dictionary> top_;
 };
 

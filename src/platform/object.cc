@@ -1,5 +1,7 @@
 #include "platform/object.h"
 
+#include <atomic>
+
 #include <vector>
 
 namespace orvia {
@@ -75,6 +77,11 @@ Heap::~Heap() {
 }
 
 Heap* Heap::current() { return t_current_heap; }
+
+std::uint64_t Heap::next_serial() {
+  static std::atomic<std::uint64_t> serials{0};
+  return serials.fetch_add(1, std::memory_order_relaxed) + 1;
+}
 
 void Heap::adopt(Heap& other) {
   if (&other == this || !other.head_) return;

@@ -166,6 +166,9 @@ class Heap {
 
   std::size_t tracked_count() const { return count_; }
   static Heap* current();
+  // A number no other heap of this process has had, even one at the same address later: 0 for none.
+  std::uint64_t serial() const { return serial_; }
+  static std::uint64_t current_serial() { return current() ? current()->serial() : 0; }
   // Takes over every object `other` tracks (made elsewhere, now to live as long as this heap).
   void adopt(Heap& other);
 
@@ -176,6 +179,8 @@ class Heap {
   void remove(Object* obj);
   Object* head_ = nullptr;
   std::size_t count_ = 0;
+  const std::uint64_t serial_ = next_serial();
+  static std::uint64_t next_serial();
 };
 
 // Makes a heap current on this thread for the scope's duration (scopes nest).

@@ -4,6 +4,8 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
+#include <optional>
+#include <thread>
 
 #include "platform/home.h"
 #include "platform/log.h"
@@ -135,6 +137,32 @@ TEST(UserDefaults, TakesTheHomeFolderWhenCreatedAndSeesAChangedFile) {
     EXPECT_EQ(as_number(defaults->valueForKey("WZAlbumsOrderIndex").get())->int_value(), 3);
   }
   EXPECT_EQ(text_of(defaults->valueForKey("WZAlbumsOrderIndex").get()), "four, longer");
+}
+
+TEST(UserDefaults, ValuesReadInAHeapServeItsHelperThreadsAndEndWithIt) {
+  TempDir home;
+  write_preferences(preferences_file(home.path()), dict({{"OutlineFolderModels", dict({{"1", str("tree")}})}}).get());
+  auto defaults = MQUserDefaultsWrapper::initWithBundleID(kBundle, home.path().string());
+  std::optional<Heap> run_heap;  // every run's heap at one address, as successive requests may have
+  for (int run = 0; run < 2; ++run) {
+    SCOPED_TRACE(run);
+    run_heap.emplace();
+    HeapScope scope(*run_heap);
+    MQUserDefaultsWrapper::Snapshot snapshot(*defaults);
+    Ref<Object> models = defaults->valueForKey("OutlineFolderModels");
+    ASSERT_TRUE(as_dict(models.get()));
+    EXPECT_EQ(as_dict(models.get())->size(), 1u) << "not the emptied values of the heap before";
+    const Object* seen_by_helper = nullptr;
+    std::thread helper([&] {
+      Heap own;  // a helper makes its objects in a heap of its own
+      HeapScope helper_scope(own);
+      seen_by_helper = defaults->valueForKey("OutlineFolderModels").get();
+    });
+    helper.join();
+    EXPECT_EQ(seen_by_helper, models.get()) << "the helper reads the run's copy";
+    models = nullptr;
+    run_heap.reset();  // the run's values end with it
+  }
 }
 
 TEST(UserDefaults, FindsStatisticsDatabasesAndLogsEveryPath) {
