@@ -7,6 +7,7 @@
 #include <atomic>
 #include <cerrno>
 #include <mutex>
+#include <utility>
 
 namespace orvia {
 
@@ -56,11 +57,17 @@ void write_stderr(std::string_view line) {
   }
 }
 
+thread_local std::vector<std::string>* t_hold = nullptr;
+
 }  // namespace
 
 struct LogCapture::State : CaptureSink {};
 
 void log_line(std::string_view line) {
+  if (t_hold) {
+    t_hold->emplace_back(line);
+    return;
+  }
   write_syslog(line);
   Sinks& s = sinks();
   if (s.to_stderr.load(std::memory_order_relaxed)) write_stderr(line);
@@ -69,6 +76,15 @@ void log_line(std::string_view line) {
     std::lock_guard capture_lock(c->mutex);
     c->lines.emplace_back(line);
   }
+}
+
+LogHold::LogHold(std::vector<std::string>& lines) : previous_(std::exchange(t_hold, &lines)) {}
+
+LogHold::~LogHold() { t_hold = previous_; }
+
+void write_held(std::vector<std::string>& lines) {
+  for (const std::string& line : lines) log_line(line);
+  lines.clear();
 }
 
 void set_log_to_stderr(bool enabled) { sinks().to_stderr.store(enabled, std::memory_order_relaxed); }

@@ -34,6 +34,23 @@ class LogCapture {
   State* state_;
 };
 
+// While one exists, the lines this thread logs are appended to `lines` instead of being written: work
+// done ahead on a helper thread keeps its lines until the thread that waits for the work writes them
+// (with write_held), where they would have come had the work been done in turn. Holds nest.
+class LogHold {
+ public:
+  explicit LogHold(std::vector<std::string>& lines);
+  ~LogHold();
+  LogHold(const LogHold&) = delete;
+  LogHold& operator=(const LogHold&) = delete;
+
+ private:
+  std::vector<std::string>* previous_;
+};
+
+// Writes held lines in their order (on the calling thread, under any hold it has) and empties the list.
+void write_held(std::vector<std::string>& lines);
+
 // Turns the stderr copy off (a quiet tool) or on; syslog always receives the line.
 void set_log_to_stderr(bool enabled);
 

@@ -1,12 +1,14 @@
 #include "service/mq_orvia4_importer.h"
 
 #include <memory>
+#include <vector>
 
 #include "legacy/core_data_wrapper.h"
 #include "nodes/folder_export.h"
 #include "outline/outline_folder_model.h"
 #include "platform/format.h"
 #include "platform/log.h"
+#include "service/sidebar_models.h"
 
 namespace orvia {
 
@@ -68,19 +70,29 @@ void MQOrvia4Importer::continueImport(const Ref<MQUserDefaultsWrapper>& defaults
     completion(false, nullptr);
     return;
   }
+  // The models load ahead on a helper thread, in this order: each account's, then the shared albums'.
+  std::vector<Ref<Object>> userids;
+  std::vector<SidebarModelLoader::Request> requests;
+  for (const Ref<Account>& account : *accounts) {
+    userids.push_back(account->userid());
+    if (userids.back()) requests.push_back({userids.back(), true});
+  }
+  requests.push_back({str(kAlbumPseudoUser), false});
+  SidebarModelLoader models(std::move(requests), defaults);
+  std::size_t next_model = 0;
+
   auto lookups = std::make_shared<ImportLookups>();
   auto results = mutable_array();
-  for (const Ref<Account>& account : *accounts) {
-    Ref<Object> userid = account->userid();
-    if (!userid) {
+  for (std::size_t i = 0; i < accounts->size(); ++i) {
+    const Ref<Account>& account = (*accounts)[i];
+    if (!userids[i]) {
       NSLog("invalid account: %@", account);
       continue;
     }
-    Ref<OutlineFolderModel> model = OutlineFolderModel::initWithExistingUser(userid, false, defaults);
-    NSLog("%@", model->identifiers());
+    Ref<OutlineFolderModel> model = models.take(next_model++);
     results->push_back(resultForAccount(account, *model, defaults, store, lookups));
   }
-  Ref<OutlineFolderModel> album_model = OutlineFolderModel::initWithExistingUser(str(kAlbumPseudoUser), false, defaults);
+  Ref<OutlineFolderModel> album_model = models.take(next_model);
   Ref<Object> albums = sharedAlbumTree(*album_model, defaults, store, lookups);
   for (const Ref<Object>& r : results->items()) static_cast<MQImporterNodeResult*>(r.get())->albums = albums;
   completion(true, make<Array>(results->items(), false));

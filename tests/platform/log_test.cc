@@ -103,6 +103,28 @@ TEST(Log, LinesFromManyThreadsStayWholeOnStderrAndInCaptures) {
   EXPECT_EQ(written, expected);
 }
 
+TEST(Log, HeldLinesWaitForTheThreadThatWritesThem) {
+  LogCapture capture;
+  std::vector<std::string> held, inner_held;
+  std::thread helper([&] {
+    LogHold hold(held);
+    NSLog("loaded %@", "a");
+    {
+      LogHold inner(inner_held);
+      log_line("inner");
+    }
+    log_line("two\nlines");
+  });
+  helper.join();
+  log_line("meanwhile");  // this thread holds nothing
+  EXPECT_EQ(held, (std::vector<std::string>{"loaded a", "two\nlines"}));
+  EXPECT_EQ(inner_held, (std::vector<std::string>{"inner"}));
+  EXPECT_EQ(capture.lines(), (std::vector<std::string>{"meanwhile"}));
+  write_held(held);
+  EXPECT_TRUE(held.empty());
+  EXPECT_EQ(capture.lines(), (std::vector<std::string>{"meanwhile", "loaded a", "two\nlines"}));
+}
+
 TEST(Log, StderrCopyCanBeSilenced) {
   test::TempDir dir;
   StderrToFile redirect(dir / "stderr.txt");
