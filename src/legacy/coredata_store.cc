@@ -759,6 +759,10 @@ Result<StoreQuery> CoreDataStore::prepare(const std::string& sql, bool cache) co
   return q;
 }
 
+void CoreDataStore::release_cache() const {
+  if (db_) sqlite3_db_release_memory(db_.get());
+}
+
 std::string CoreDataStore::last_error() const { return db_ ? sqlite3_errmsg(db_.get()) : "no connection"; }
 
 Ref<Object> CoreDataStore::value(sqlite3_stmt* stmt, int column, AttributeKind kind) {

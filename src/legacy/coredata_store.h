@@ -172,6 +172,8 @@ class CoreDataStore {
   Result<StoreQuery> prepare(const std::string& sql, bool cache = false) const;
   // sqlite3_errmsg of the connection.
   std::string last_error() const;
+  // Gives back the memory of the connection's page cache (pages read again when needed).
+  void release_cache() const;
 
   // The value of a result column as the attribute kind reads it; nil for NULL.
   static Ref<Object> value(sqlite3_stmt* stmt, int column, AttributeKind kind);

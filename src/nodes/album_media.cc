@@ -232,6 +232,9 @@ class MediaReader {
         Ref<ImageList> album = plan_->album(place);
         lock.unlock();
         read_album(place, album, spent);
+        // The last album read: the store's page cache is not needed any more (the archive is at its
+        // largest from here on), and would be filled again if an album were asked for anew.
+        if (place + 1 == plan_->size() && album) album->context()->release_cache();
         lock.lock();
         if (wanted_ == kNone && reading_ == place) reading_ = place + 1;
         continue;
