@@ -8,6 +8,8 @@
 #include <cerrno>
 #include <string>
 
+#include "support/support.h"
+
 namespace orvia::service {
 namespace {
 
@@ -85,6 +87,33 @@ TEST(ReadWholeFd, ReadsPipesToTheEndAndRefusesOversizedContents) {
   EXPECT_TRUE(read_whole_fd(fd.value().get(), 1000).ok());
 
   EXPECT_FALSE(read_whole_fd(-1, 100).ok());
+}
+
+TEST(CopyWholeFd, CopiesEveryByteOfSmallAndLargeFilesAndReportsABadDestination) {
+  test::TempDir dir;
+  // Small files go through the kernel's copy; from 64 MB on, the halves are copied side by side (an
+  // odd size leaves a short last window).
+  for (std::size_t size : {std::size_t{0}, std::size_t{1} << 20, (std::size_t{64} << 20) + 12345}) {
+    SCOPED_TRACE(size);
+    const std::string bytes = pattern(size);
+    auto memory = make_sealed_memfd(bytes);
+    ASSERT_TRUE(memory.ok());
+    const std::string copy = (dir / "copy").string();
+    test::write_file(copy, "older, longer contents that must go");
+    auto copied = copy_whole_fd_to_file(memory.value().get(), copy);
+    ASSERT_TRUE(copied.ok()) << copied.error().message;
+    EXPECT_TRUE(test::read_file(copy) == bytes);
+    // From a regular file too, whose position stays where it was.
+    UniqueFd file(::open(copy.c_str(), O_RDONLY | O_CLOEXEC));
+    ASSERT_TRUE(file);
+    const std::string again = (dir / "again").string();
+    ASSERT_TRUE(copy_whole_fd_to_file(file.get(), again).ok());
+    EXPECT_TRUE(test::read_file(again) == bytes);
+    EXPECT_EQ(::lseek(file.get(), 0, SEEK_CUR), 0);
+  }
+  auto memory = make_sealed_memfd(pattern(100));
+  ASSERT_TRUE(memory.ok());
+  EXPECT_FALSE(copy_whole_fd_to_file(memory.value().get(), (dir / "missing" / "copy").string()).ok());
 }
 
 }  // namespace
