@@ -6,12 +6,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
-#include <string>
-#include <thread>
 
 namespace orvia::service {
 namespace {
@@ -77,56 +74,6 @@ Result<UniqueFd> MemfdSink::seal() {
   return std::move(fd_);
 }
 
-namespace {
-
-// Writes `size` bytes from `from` at `offset` of `out`; empty, or what went wrong.
-std::string pwrite_all(int out, const char* from, std::size_t size, off_t offset) {
-  constexpr std::size_t kPiece = std::size_t{8} << 20;
-  while (size > 0) {
-    ssize_t n = ::pwrite(out, from, std::min(size, kPiece), offset);
-    if (n < 0 && errno == EINTR) continue;
-    if (n < 0) return errno_error("write").message;
-    if (n == 0) return "write: nothing written";
-    from += n;
-    size -= static_cast<std::size_t>(n);
-    offset += n;
-  }
-  return {};
-}
-
-// Files from this size on are copied in two halves side by side. Most of a large copy is the kernel
-// filling fresh page-cache pages of the new file, which two cores do in half the time.
-constexpr off_t kTwoThreadCopy = off_t{64} << 20;
-
-// Copies [begin, end) of `fd` to the same place in `out` through read-only mappings of a window at a
-// time (so that the copy's resident memory stays small); empty, or what went wrong.
-std::string copy_range(int fd, int out, off_t begin, off_t end) {
-  constexpr off_t kWindow = off_t{32} << 20;
-  for (off_t at = begin; at < end; at += kWindow) {
-    const std::size_t length = static_cast<std::size_t>(std::min(kWindow, end - at));
-    void* map = ::mmap(nullptr, length, PROT_READ, MAP_SHARED | MAP_POPULATE, fd, at);
-    if (map == MAP_FAILED) return errno_error("mmap").message;
-    std::string error = pwrite_all(out, static_cast<const char*>(map), length, at);
-    ::munmap(map, length);
-    if (!error.empty()) return error;
-  }
-  return {};
-}
-
-// The two-thread copy: the second half on a thread of its own.
-Result<bool> copy_in_halves(int fd, int out, off_t size) {
-  const off_t half = (size / 2) & ~((off_t{32} << 20) - 1);  // window-aligned, so mappings start on pages
-  std::string second_error;
-  std::thread second([&] { second_error = copy_range(fd, out, half, size); });
-  const std::string first_error = copy_range(fd, out, 0, half);
-  second.join();
-  if (!first_error.empty()) return Error{first_error};
-  if (!second_error.empty()) return Error{second_error};
-  return true;
-}
-
-}  // namespace
-
 Result<bool> copy_whole_fd_to_file(int fd, const std::string& path) {
   struct stat st {};
   if (::fstat(fd, &st) != 0) return errno_error("fstat");
@@ -134,12 +81,6 @@ Result<bool> copy_whole_fd_to_file(int fd, const std::string& path) {
   if (!out) return errno_error("open");
   off_t offset = 0;
   const off_t size = st.st_size;
-  if (S_ISREG(st.st_mode) && size >= kTwoThreadCopy) {
-    Result<bool> copied = copy_in_halves(fd, out.get(), size);
-    if (!copied.ok()) return copied;
-    if (::close(out.release()) != 0) return errno_error("close");
-    return true;
-  }
   while (offset < size) {
     ssize_t n = ::sendfile(out.get(), fd, &offset, static_cast<std::size_t>(size - offset));
     if (n < 0 && errno == EINTR) continue;

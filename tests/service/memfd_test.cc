@@ -91,8 +91,7 @@ TEST(ReadWholeFd, ReadsPipesToTheEndAndRefusesOversizedContents) {
 
 TEST(CopyWholeFd, CopiesEveryByteOfSmallAndLargeFilesAndReportsABadDestination) {
   test::TempDir dir;
-  // Small files go through the kernel's copy; from 64 MB on, the halves are copied side by side (an
-  // odd size leaves a short last window).
+  // Empty, small, and larger than one call of the kernel's copy may take at once (and of an odd size).
   for (std::size_t size : {std::size_t{0}, std::size_t{1} << 20, (std::size_t{64} << 20) + 12345}) {
     SCOPED_TRACE(size);
     const std::string bytes = pattern(size);
