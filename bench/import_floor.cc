@@ -16,7 +16,6 @@
 #include <chrono>
 #include <cstdint>
 #include <cstdio>
-#include <filesystem>
 #include <fstream>
 #include <memory>
 #include <sstream>
@@ -94,12 +93,8 @@ bool read_store(const std::string& path, Totals& totals, std::uint64_t& albums, 
   int rc = sqlite3_open_v2(uri.c_str(), &raw, SQLITE_OPEN_READONLY | SQLITE_OPEN_URI, nullptr);
   Db db(raw);
   // The same page cache as the import's connection: the floor reads the rows as the import does.
-  std::error_code size_error;
-  const std::uintmax_t store_bytes = std::filesystem::file_size(path, size_error);
-  if (!size_error) {
-    const std::string cache = "PRAGMA cache_size = -" + std::to_string(orvia::store_page_cache_kib(store_bytes));
+  if (const std::string cache = orvia::store_page_cache_pragma(path); !cache.empty())
     sqlite3_exec(raw, cache.c_str(), nullptr, nullptr, nullptr);
-  }
   if (rc != SQLITE_OK) {
     std::fprintf(stderr, "import_floor: cannot open %s: %s\n", path.c_str(), raw ? sqlite3_errmsg(raw) : "no memory");
     return false;

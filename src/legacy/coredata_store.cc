@@ -348,12 +348,8 @@ bool CoreDataStore::load(OpenError& error) {
     return false;
   };
   sqlite3_exec(db, "PRAGMA query_only = 1", nullptr, nullptr, nullptr);
-  std::error_code size_error;
-  const std::uintmax_t store_bytes = fs::file_size(path_, size_error);
-  if (!size_error) {
-    const std::string cache = "PRAGMA cache_size = -" + std::to_string(store_page_cache_kib(store_bytes));
+  if (const std::string cache = store_page_cache_pragma(path_); !cache.empty())
     sqlite3_exec(db, cache.c_str(), nullptr, nullptr, nullptr);
-  }
 
   // Schema: tables with their columns, and index names.
   {

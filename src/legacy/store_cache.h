@@ -3,6 +3,9 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <filesystem>
+#include <string>
+#include <system_error>
 
 namespace orvia {
 
@@ -13,6 +16,15 @@ namespace orvia {
 // 2.4 times the page reads, and even the smaller one read a quarter of its pages twice.
 inline std::int64_t store_page_cache_kib(std::uintmax_t store_bytes) {
   return std::max<std::int64_t>(2000, static_cast<std::int64_t>(store_bytes / 1024 / 50));
+}
+
+// The statement that sizes a connection's page cache for the store file at `path`; empty when the file
+// cannot be sized (the default cache then stays).
+inline std::string store_page_cache_pragma(const std::filesystem::path& path) {
+  std::error_code error;
+  const std::uintmax_t bytes = std::filesystem::file_size(path, error);
+  if (error) return {};
+  return "PRAGMA cache_size = -" + std::to_string(store_page_cache_kib(bytes));
 }
 
 }  // namespace orvia
