@@ -1,8 +1,12 @@
 #include "legacy/media_conversion.h"
 
+#include <array>
+#include <bit>
 #include <initializer_list>
 #include <optional>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "platform/description.h"
 #include "platform/keyed_archive.h"
@@ -48,9 +52,9 @@ const Constants& k() {
   return constants;
 }
 
-// The value at a key path of nested dictionaries; nothing when a part is missing or a value on the
+// The object at a key path of nested dictionaries; nothing when a part is missing or a value on the
 // way is not a dictionary (a stored null under "caption" gives nothing for "caption.text").
-Object* at_path(const Dictionary* stored, std::initializer_list<std::string_view> path) {
+const Object* at_path(const Dictionary* stored, std::initializer_list<std::string_view> path) {
   const Object* cur = stored;
   for (std::string_view part : path) {
     const Dictionary* d = as_dict(cur);
@@ -58,27 +62,51 @@ Object* at_path(const Dictionary* stored, std::initializer_list<std::string_view
     cur = d->get(part);
     if (!cur) return nullptr;
   }
-  return const_cast<Object*>(cur);
+  return cur;
 }
 
-void put(Dictionary& d, const Ref<String>& key, Object* value) {
-  if (value) d.append(Ref<Object>(key), Ref<Object>(value));
-}
-void put(Dictionary& d, const Ref<String>& key, const Ref<Object>& value) { put(d, key, value.get()); }
+using Node = FlatGraph::Node;
+constexpr Node kNone = FlatGraph::kNone;
 
 // The text that "id" and "link" are cut from. A string is taken as it is and a number by its decimal
 // text (a stored numeric id still gives a "pk"); any other kind gives nothing, so neither "pk" nor
-// "code" is set for it.
-bool text_source(const Object* o, std::string& out) {
-  if (const String* s = as_string(o)) {
-    out = s->str();
-    return true;
+// "code" is set for it. The text lies in the graph's bytes (a string) or in `scratch` (a number).
+bool text_source(const FlatGraph& g, Node n, std::string_view& out, std::string& scratch) {
+  if (n == kNone) return false;
+  const FlatGraph::Data& d = g.node(n);
+  switch (d.kind) {
+    case FlatGraph::Kind::String:
+      out = d.text;
+      return true;
+    case FlatGraph::Kind::Number:
+      scratch = description(g.materialize(n).get());
+      out = scratch;
+      return true;
+    case FlatGraph::Kind::Existing:
+      if (const String* s = as_string(d.object)) {
+        out = s->str();
+        return true;
+      }
+      if (as_number(d.object)) {
+        scratch = description(d.object);
+        out = scratch;
+        return true;
+      }
+      return false;
+    default:
+      return false;
   }
-  if (as_number(o)) {
-    out = description(o);
-    return true;
-  }
-  return false;
+}
+
+bool is_string(const FlatGraph& g, Node n) {
+  const FlatGraph::Data& d = g.node(n);
+  return d.kind == FlatGraph::Kind::String || (d.kind == FlatGraph::Kind::Existing && as_string(d.object));
+}
+
+// A part of a text: a view when the text lies in the graph's bytes, a copy when it lies in scratch.
+Node cut_text(FlatGraph& g, std::string_view part, const std::string& scratch) {
+  const bool in_scratch = part.data() >= scratch.data() && part.data() <= scratch.data() + scratch.size();
+  return in_scratch ? g.owned_string(std::string(part)) : g.string(part);
 }
 
 }  // namespace
@@ -96,117 +124,174 @@ Result<Ref<Dictionary>> decode_media_record(std::string_view archive) {
 
 namespace {
 
-// The conversion, reading the stored record through `at_path` (a key path -> the object there, or null).
-template <class AtPath>
-Ref<Dictionary> convert(AtPath&& at_path) {
+// The conversion into `g`, reading the stored record through `at_path` (a key path -> the node of
+// the object there, or kNone); the converted record's node.
+template <class AtPath, class Present>
+Node convert(FlatGraph& g, AtPath&& at_path, Present&& present) {
   const Constants& c = k();
-  Ref<Dictionary> out = make<Dictionary>(true);
-  out->reserve(24);
-  Object* created_time = at_path({"caption", "created_time"});
-  Object* id = at_path({"id"});
+  // Each constant is one node of the graph, made when first used.
+  std::array<std::pair<const Object*, Node>, 64> made{};
+  auto constant = [&g, &made](const auto& object) {
+    const Object* o = object.get();
+    std::size_t i = (reinterpret_cast<std::uintptr_t>(o) >> 4) % made.size();
+    while (made[i].first && made[i].first != o) i = (i + 1) % made.size();
+    if (!made[i].first) made[i] = {o, g.existing(o)};
+    return made[i].second;
+  };
+  auto put = [&g, &constant](Node dict, const Ref<String>& key, Node value) {
+    if (value != kNone) g.put(dict, constant(key), value);
+  };
+  const Node out = g.dictionary(true);
+  const Node created_time = at_path({"caption", "created_time"});
+  const Node id = at_path({"id"});
 
   // "pk": the id up to its first "_" (the whole id when it has none).
-  Ref<Object> pk;
-  std::string text;
-  if (text_source(id, text)) {
+  Node pk = kNone;
+  std::string_view text;
+  std::string scratch;
+  if (text_source(g, id, text, scratch)) {
     std::size_t cut = text.find('_');
-    if (cut == std::string::npos && as_string(id)) {
-      pk = Ref<Object>(id);
-    } else {
-      pk = str(std::string_view(text).substr(0, cut));
-    }
+    pk = cut == std::string_view::npos && is_string(g, id) ? id : cut_text(g, text.substr(0, cut), scratch);
   }
   // "code": the link after its last "/" (empty when it ends in "/", the whole link when it has none).
-  Ref<Object> code;
-  if (text_source(at_path({"link"}), text)) {
+  Node code = kNone;
+  if (text_source(g, at_path({"link"}), text, scratch)) {
     std::size_t cut = text.rfind('/');
-    code = str(cut == std::string::npos ? std::string_view(text) : std::string_view(text).substr(cut + 1));
+    code = cut_text(g, cut == std::string_view::npos ? text : text.substr(cut + 1), scratch);
   }
 
-  put(*out, c.taken_at, created_time);
-  put(*out, c.id, id);
-  put(*out, c.pk, pk);
-  put(*out, c.device_timestamp, created_time);
-  put(*out, c.media_type, at_path({"videos"}) ? c.two.get() : c.one.get());
-  put(*out, c.code, code);
-  put(*out, c.filter_type, c.zero.get());
+  put(out, c.taken_at, created_time);
+  put(out, c.id, id);
+  put(out, c.pk, pk);
+  put(out, c.device_timestamp, created_time);
+  put(out, c.media_type, present({"videos"}) ? constant(c.two) : constant(c.one));
+  put(out, c.code, code);
+  put(out, c.filter_type, constant(c.zero));
 
-  Ref<Dictionary> standard = make<Dictionary>(true);
-  standard->reserve(3);
-  put(*standard, c.width, c.n640.get());
-  put(*standard, c.height, c.n640.get());
-  put(*standard, c.url, at_path({"images", "standard_resolution", "url"}));
-  Ref<Dictionary> low = make<Dictionary>(true);
-  low->reserve(3);
-  put(*low, c.width, c.n320.get());
-  put(*low, c.height, c.n320.get());
-  put(*low, c.url, at_path({"images", "low_resolution", "url"}));
-  Ref<Dictionary> versions = make<Dictionary>(true);
-  versions->reserve(1);
-  put(*versions, c.candidates, Ref<Object>(make<Array>(std::vector<Ref<Object>>{standard, low}, false)));
-  put(*out, c.image_versions2, Ref<Object>(versions));
+  const Node standard = g.dictionary(true);
+  put(standard, c.width, constant(c.n640));
+  put(standard, c.height, constant(c.n640));
+  put(standard, c.url, at_path({"images", "standard_resolution", "url"}));
+  const Node low = g.dictionary(true);
+  put(low, c.width, constant(c.n320));
+  put(low, c.height, constant(c.n320));
+  put(low, c.url, at_path({"images", "low_resolution", "url"}));
+  const Node versions = g.dictionary(true);
+  const Node candidates = g.array(false);
+  g.append(candidates, standard);
+  g.append(candidates, low);
+  put(versions, c.candidates, candidates);
+  put(out, c.image_versions2, versions);
 
-  put(*out, c.original_width, c.n640.get());
-  put(*out, c.original_height, c.n640.get());
+  put(out, c.original_width, constant(c.n640));
+  put(out, c.original_height, constant(c.n640));
 
-  Ref<Dictionary> user = make<Dictionary>(true);
-  user->reserve(5);
-  put(*user, c.pk, at_path({"user", "id"}));
-  put(*user, c.username, at_path({"user", "username"}));
-  put(*user, c.full_name, at_path({"user", "full_name"}));
-  put(*user, c.profile_pic_url, at_path({"user", "profile_picture"}));
-  put(*user, c.is_private, c.no.get());
-  put(*out, c.user, Ref<Object>(user));
+  const Node user = g.dictionary(true);
+  put(user, c.pk, at_path({"user", "id"}));
+  put(user, c.username, at_path({"user", "username"}));
+  put(user, c.full_name, at_path({"user", "full_name"}));
+  put(user, c.profile_pic_url, at_path({"user", "profile_picture"}));
+  put(user, c.is_private, constant(c.no));
+  put(out, c.user, user);
 
-  Ref<Dictionary> caption = make<Dictionary>(true);
-  caption->reserve(13);
-  put(*caption, c.pk, at_path({"caption", "id"}));
-  put(*caption, c.user_id, at_path({"caption", "from", "id"}));
-  put(*caption, c.text, at_path({"caption", "text"}));
-  put(*caption, c.type, c.one.get());
-  put(*caption, c.created_at, created_time);
-  put(*caption, c.created_at_utc, created_time);
-  put(*caption, c.content_type, c.comment.get());
-  put(*caption, c.status, c.active.get());
-  put(*caption, c.bit_flags, c.zero.get());
-  put(*caption, c.user, Ref<Object>(user));  // the very same record as the top-level "user"
-  put(*caption, c.did_report_as_spam, c.no.get());
-  put(*caption, c.media_id, pk);
-  put(*caption, c.caption_is_edited, c.no.get());
-  put(*out, c.caption, Ref<Object>(caption));
+  const Node caption = g.dictionary(true);
+  put(caption, c.pk, at_path({"caption", "id"}));
+  put(caption, c.user_id, at_path({"caption", "from", "id"}));
+  put(caption, c.text, at_path({"caption", "text"}));
+  put(caption, c.type, constant(c.one));
+  put(caption, c.created_at, created_time);
+  put(caption, c.created_at_utc, created_time);
+  put(caption, c.content_type, constant(c.comment));
+  put(caption, c.status, constant(c.active));
+  put(caption, c.bit_flags, constant(c.zero));
+  put(caption, c.user, user);  // the very same record as the top-level "user"
+  put(caption, c.did_report_as_spam, constant(c.no));
+  put(caption, c.media_id, pk);
+  put(caption, c.caption_is_edited, constant(c.no));
+  put(out, c.caption, caption);
 
-  put(*out, c.like_count, at_path({"likes", "count"}));
-  put(*out, c.has_liked, at_path({"user_has_liked"}));
-  put(*out, c.likers, Ref<Object>(make<Array>(false)));
-  put(*out, c.comment_likes_enabled, c.no.get());
-  put(*out, c.comment_threading_enabled, c.no.get());
-  put(*out, c.has_more_comments, c.no.get());
-  put(*out, c.max_num_visible_preview_comments, c.zero.get());
-  put(*out, c.preview_comments, Ref<Object>(make<Array>(false)));
-  put(*out, c.comment_count, at_path({"comments", "count"}));
-  put(*out, c.photo_of_you, c.no.get());
-  put(*out, c.can_viewer_save, c.yes.get());
-  put(*out, c.converted_from_orvia4, c.yes.get());
+  put(out, c.like_count, at_path({"likes", "count"}));
+  put(out, c.has_liked, at_path({"user_has_liked"}));
+  put(out, c.likers, g.array(false));
+  put(out, c.comment_likes_enabled, constant(c.no));
+  put(out, c.comment_threading_enabled, constant(c.no));
+  put(out, c.has_more_comments, constant(c.no));
+  put(out, c.max_num_visible_preview_comments, constant(c.zero));
+  put(out, c.preview_comments, g.array(false));
+  put(out, c.comment_count, at_path({"comments", "count"}));
+  put(out, c.photo_of_you, constant(c.no));
+  put(out, c.can_viewer_save, constant(c.yes));
+  put(out, c.converted_from_orvia4, constant(c.yes));
   return out;
+}
+
+// The graph of a stored record's conversion, read through the lookup: false when some value is not
+// a plain one (it is then left to decoding the record whole) or the lookup cannot tell.
+bool convert_by_lookup(KeyedArchiveLookup& lookup, FlatGraph& g, Node& root) {
+  bool unsure = false;
+  std::vector<std::pair<std::uint64_t, Node>> seen;  // stored UID -> its node: one object per UID
+  seen.reserve(16);
+  root = convert(g, [&](std::initializer_list<std::string_view> path) -> Node {
+    std::optional<KeyedArchiveLookup::Value> v = lookup.value_at(path);
+    if (!v || v->kind == KeyedArchiveLookup::Value::Kind::Other) {
+      unsure = true;
+      return kNone;
+    }
+    using Kind = KeyedArchiveLookup::Value::Kind;
+    if (v->kind == Kind::Nil) return kNone;
+    for (const auto& [uid, node] : seen)
+      if (uid == v->uid) return node;
+    Node n = kNone;
+    switch (v->kind) {
+      case Kind::String: n = v->converted ? g.owned_string(std::move(v->converted_text)) : g.string(v->text); break;
+      case Kind::Signed: n = g.signed_number(static_cast<std::int64_t>(v->bits)); break;
+      case Kind::Unsigned: n = g.unsigned_number(v->bits); break;
+      case Kind::Real: n = g.real_number(std::bit_cast<double>(v->bits)); break;
+      case Kind::Bool: n = g.existing(Number::from_bool(v->bits != 0).get()); break;  // YES and NO are shared
+      default: break;
+    }
+    seen.emplace_back(v->uid, n);
+    return n;
+  }, [&](std::initializer_list<std::string_view> path) {
+    // Only whether there is an object: any kind will do, once it is known to decode.
+    std::optional<KeyedArchiveLookup::Value> v = lookup.value_at(path);
+    if (v && v->kind != KeyedArchiveLookup::Value::Kind::Other) return v->kind != KeyedArchiveLookup::Value::Kind::Nil;
+    std::optional<Object*> decoded = lookup.at_path(path);
+    if (!decoded) unsure = true;
+    return decoded.value_or(nullptr) != nullptr;
+  });
+  return !unsure;
 }
 
 }  // namespace
 
 Ref<Dictionary> convertedDictionary(const Dictionary* stored) {
-  return convert([stored](std::initializer_list<std::string_view> path) { return at_path(stored, path); });
+  FlatGraph g;
+  const Node root = convert(
+      g,
+      [&](std::initializer_list<std::string_view> path) {
+        const Object* o = at_path(stored, path);
+        return o ? g.existing(o) : kNone;
+      },
+      [&](std::initializer_list<std::string_view> path) { return at_path(stored, path) != nullptr; });
+  return Ref<Dictionary>(static_cast<Dictionary*>(g.materialize(root).get()));
+}
+
+bool convertedGraphByLookup(std::string_view archive, FlatGraph& graph, FlatGraph::Node& root) {
+  KeyedArchiveLookup lookup(archive);
+  if (!lookup.usable()) return false;
+  graph.clear();
+  graph.reserve(96, 64);
+  if (convert_by_lookup(lookup, graph, root)) return true;
+  graph.clear();
+  return false;
 }
 
 std::optional<Ref<Dictionary>> convertedDictionaryByLookup(std::string_view archive) {
-  KeyedArchiveLookup lookup(archive);
-  if (!lookup.usable()) return std::nullopt;
-  bool unsure = false;
-  Ref<Dictionary> out = convert([&](std::initializer_list<std::string_view> path) -> Object* {
-    std::optional<Object*> value = lookup.at_path(path);
-    if (!value) unsure = true;
-    return value.value_or(nullptr);
-  });
-  if (unsure) return std::nullopt;
-  return out;
+  FlatGraph g;
+  Node root;
+  if (!convertedGraphByLookup(archive, g, root)) return std::nullopt;
+  return Ref<Dictionary>(static_cast<Dictionary*>(g.materialize(root).get()));
 }
 
 Ref<Dictionary> convertedDictionaryFromArchive(const std::string_view* archive, std::string_view label) {
@@ -217,12 +302,21 @@ Ref<Dictionary> convertedDictionaryFromArchive(const std::string_view* archive, 
 }
 
 Ref<Dictionary> convertedDictionaryFromArchive(const std::string_view* archive, std::string* unreadable) {
+  FlatGraph graph;
+  FlatGraph::Node root;
+  Ref<Dictionary> out = convertedMediaFromArchive(archive, unreadable, graph, root);
+  if (out) return out;
+  return Ref<Dictionary>(static_cast<Dictionary*>(graph.materialize(root).get()));
+}
+
+Ref<Dictionary> convertedMediaFromArchive(const std::string_view* archive, std::string* unreadable, FlatGraph& graph,
+                                          FlatGraph::Node& root) {
   if (!archive) {
     // No stored record: the item still becomes a media dictionary, of constants only.
     *unreadable = "no stored dictionary";
     return convertedDictionary(nullptr);
   }
-  if (std::optional<Ref<Dictionary>> quick = convertedDictionaryByLookup(*archive)) return std::move(*quick);
+  if (convertedGraphByLookup(*archive, graph, root)) return nullptr;
   auto decoded = decode_media_record(*archive);
   if (!decoded.ok()) {
     *unreadable = decoded.error().message;

@@ -7,6 +7,7 @@
 #include <string>
 #include <string_view>
 
+#include "platform/flat_graph.h"
 #include "platform/object.h"
 #include "platform/result.h"
 #include "platform/value.h"
@@ -26,11 +27,20 @@ Ref<Dictionary> convertedDictionary(const Dictionary* stored);
 // would (any damage, records of other classes, keys that are not plain strings, the XML form).
 std::optional<Ref<Dictionary>> convertedDictionaryByLookup(std::string_view archive);
 
+// The same conversion as a graph (written into an archive as the dictionary would be, without making
+// its objects): false, with `graph` left empty, where convertedDictionaryByLookup gives nothing or some
+// value read is not a plain string, number or boolean. The graph's strings lie in `archive`'s bytes.
+bool convertedGraphByLookup(std::string_view archive, FlatGraph& graph, FlatGraph::Node& root);
+
 // Decodes and converts (reading only what it takes where it can); an absent or unreadable archive logs "Unreadable media record %@: %@" with
 // `label` (the item's object URI) and the reason, and converts as an empty record.
 Ref<Dictionary> convertedDictionaryFromArchive(const std::string_view* archive, std::string_view label);
 // The same without logging: the reason an archive was unreadable goes to `unreadable` (left empty when
 // it was read), for callers that log it themselves (in the records' order).
 Ref<Dictionary> convertedDictionaryFromArchive(const std::string_view* archive, std::string* unreadable);
+// The same, giving the conversion as a graph where convertedGraphByLookup can (null is returned, and
+// `graph` and `root` hold it), as a dictionary otherwise.
+Ref<Dictionary> convertedMediaFromArchive(const std::string_view* archive, std::string* unreadable, FlatGraph& graph,
+                                          FlatGraph::Node& root);
 
 }  // namespace orvia

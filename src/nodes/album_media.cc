@@ -11,6 +11,7 @@
 #include <thread>
 #include <vector>
 
+#include "legacy/media_conversion.h"
 #include "platform/description.h"
 #include "platform/log.h"
 #include "platform/queue.h"
@@ -32,6 +33,8 @@ struct Member {
   bool converted_by_worker = false;
   std::unique_ptr<Heap> heap;
   Ref<Dictionary> media;    // released before its heap ends
+  FlatGraph graph;          // the converted form without objects, when it could be read so (media null)
+  FlatGraph::Node root = FlatGraph::kNone;
   std::string unreadable;   // why the stored record could not be read, logged in the members' order
 };
 
@@ -185,6 +188,7 @@ class MediaReader {
       convert(*m);
     } catch (const std::exception& e) {  // out of memory, say: the member is written as nil
       m->media = nullptr;
+      m->graph.clear();
       m->unreadable = e.what();
     }
     lock = take_lock();
@@ -199,15 +203,10 @@ class MediaReader {
   }
 
   void convert(Member& m) const {
-    ImageItemRow row;
-    row.store = m.store;
-    row.entity = m.entity;
-    row.primary_key = m.primary_key;
-    row.has_dictionary = m.has_dictionary;
-    row.dictionary = m.bytes;
+    const std::string_view bytes(m.bytes);
     m.heap = std::make_unique<Heap>();
     HeapScope scope(*m.heap);
-    m.media = row.convertedDictionary(&m.unreadable);
+    m.media = convertedMediaFromArchive(m.has_dictionary ? &bytes : nullptr, &m.unreadable, m.graph, m.root);
   }
 
   void run() {
@@ -333,7 +332,7 @@ void AlbumMediaList::encode_with_coder(KeyedEncoder& coder) const {
     if (!album_) return;
     Heap* heap = Heap::current();
     if (!heap) {  // nothing would own what the worker makes: converted here, one at a time
-      convert_each(sink);
+      convert_each([&sink](const Ref<Object>& media) { sink(media); });
       return;
     }
     // One reader per archiving run (one worker touching the store), shared by every list it writes.
@@ -345,7 +344,12 @@ void AlbumMediaList::encode_with_coder(KeyedEncoder& coder) const {
       if (!m->unreadable.empty())
         NSLog("Unreadable media record %@: %@", album_->context()->object_uri(m->entity, m->primary_key),
               m->unreadable);
-      sink(m->media);
+      if (m->media || m->graph.empty()) {
+        sink(m->media);
+      } else {
+        sink.graph(m->graph, m->root);
+        continue;
+      }
       // Still held (the archiver writes deep parts of it at the end): it lives on with the request.
       if (m->media && m->media->ref_count() > 1) {
         heap->adopt(*m->heap);

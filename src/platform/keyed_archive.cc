@@ -1,6 +1,7 @@
 #include "platform/keyed_archive.h"
 
 #include <array>
+#include <bit>
 #include <atomic>
 #include <cstring>
 #include <deque>
@@ -225,12 +226,7 @@ class Archiver final : public KeyedEncoder {
   }
   void encode_object_stream(std::string_view key, const std::function<void(const ObjectSink&)>& produce) override {
     Indices refs;
-    produce([&](const Ref<Object>& item) {
-      const std::size_t deferred = deferred_.size();
-      refs.push_back(b_.add_uid(uid_of(item.get())));
-      // Parts of it lying deep are written at the end: the object stays until then.
-      if (deferred_.size() != deferred) kept_.push_back(item);
-    });
+    produce(StreamSink(*this, refs));
     const std::uint32_t a = b_.reserve();
     b_.set_array(a, refs.data(), refs.size());
     Frame& f = frame();
@@ -266,6 +262,118 @@ class Archiver final : public KeyedEncoder {
     Indices keys, values;
     Indices refs, more_refs;  // a container's element references, reused
   };
+
+  // Takes the items of a streamed list: objects, and graphs written as their objects would be.
+  class StreamSink final : public ObjectSink {
+   public:
+    StreamSink(Archiver& archiver, Indices& refs) : a_(archiver), refs_(refs) {}
+    void operator()(const Ref<Object>& item) const override {
+      const std::size_t deferred = a_.deferred_.size();
+      refs_.push_back(a_.b_.add_uid(a_.uid_of(item.get())));
+      // Parts of it lying deep are written at the end: the object stays until then.
+      if (a_.deferred_.size() != deferred) a_.kept_.push_back(item);
+    }
+    void graph(const FlatGraph& graph, FlatGraph::Node root) const override {
+      // Written in place only when nothing in it could be left for the end (deep parts are written
+      // last, from their objects) and nothing it holds could go away before then.
+      if (a_.in_graph_ || !graph.only_constants() || a_.depth_ + graph.container_count() > kInlineDepth) {
+        (*this)(graph.materialize(root));
+        return;
+      }
+      refs_.push_back(a_.b_.add_uid(a_.uid_of_graph(graph, root)));
+    }
+
+   private:
+    Archiver& a_;
+    Indices& refs_;
+  };
+
+  // A graph's root UID, its nodes given UIDs and entries as uid_of and encode_entry give them to the
+  // same objects.
+  std::uint32_t uid_of_graph(const FlatGraph& graph, FlatGraph::Node root) {
+    in_graph_ = true;
+    graph_uids_.assign(graph.size(), kNoUid);
+    // The strings' bytes, then the builder's table slots they will look at, loaded ahead in two passes
+    // (as prefetch_strings does for a dictionary of objects).
+    for (std::size_t n = 0; n < graph.size(); ++n)
+      if (graph.node(n).kind == FlatGraph::Kind::String) __builtin_prefetch(graph.node(n).text.data());
+    for (std::size_t n = 0; n < graph.size(); ++n)
+      if (graph.node(n).kind == FlatGraph::Kind::String) b_.prefetch_string(graph.node(n).text);
+    const std::uint32_t uid = uid_of_node(graph, root);
+    in_graph_ = false;
+    return uid;
+  }
+
+  static constexpr std::uint32_t kNoUid = UINT32_MAX;
+
+  std::uint32_t uid_of_node(const FlatGraph& graph, FlatGraph::Node n) {
+    const FlatGraph::Data& d = graph.node(n);
+    if (d.kind == FlatGraph::Kind::Existing) return uid_of(d.object);
+    std::uint32_t& slot = graph_uids_[n];
+    if (slot != kNoUid) return slot;
+    const std::uint32_t uid = static_cast<std::uint32_t>(entries_.size());
+    slot = uid;
+    switch (d.kind) {
+      case FlatGraph::Kind::String:
+        entries_.push_back(b_.add_string(d.text));
+        return uid;
+      case FlatGraph::Kind::Number:
+        entries_.push_back(d.number_type == Number::Type::Real       ? b_.add_real(std::bit_cast<double>(d.bits))
+                           : d.number_type == Number::Type::Unsigned ? b_.add_uint(d.bits)
+                                                                     : b_.add_int(static_cast<std::int64_t>(d.bits)));
+        return uid;
+      default:
+        break;
+    }
+    const std::uint32_t index = b_.reserve();
+    entries_.push_back(index);
+    ++depth_;
+    encode_graph_entry(graph, n, index);
+    --depth_;
+    return uid;
+  }
+
+  void encode_graph_entry(const FlatGraph& graph, FlatGraph::Node n, std::uint32_t index) {
+    const FlatGraph::Data& d = graph.node(n);
+    Frame& f0 = frame();
+    f0.keys.clear();
+    f0.values.clear();
+    if (d.kind == FlatGraph::Kind::Array) {
+      Indices& refs = frame().refs;
+      refs.clear();
+      for (std::uint32_t e = d.first; e != FlatGraph::kNone; e = graph.edge(e).next)
+        refs.push_back(b_.add_uid(uid_of_node(graph, graph.edge(e).value)));
+      const std::uint32_t a = b_.reserve();
+      b_.set_array(a, refs.data(), refs.size());
+      Frame& f = frame();
+      f.keys.push_back(constant(ns_objects_, "NS.objects"));
+      f.values.push_back(a);
+    } else {
+      Frame& scratch = frame();
+      Indices& krefs = scratch.refs;
+      Indices& vrefs = scratch.more_refs;
+      krefs.clear();
+      vrefs.clear();
+      for (std::uint32_t e = d.first; e != FlatGraph::kNone; e = graph.edge(e).next)
+        krefs.push_back(b_.add_uid(uid_of_node(graph, graph.edge(e).key)));
+      for (std::uint32_t e = d.first; e != FlatGraph::kNone; e = graph.edge(e).next)
+        vrefs.push_back(b_.add_uid(uid_of_node(graph, graph.edge(e).value)));
+      const std::uint32_t ka = b_.reserve();
+      b_.set_array(ka, krefs.data(), krefs.size());
+      const std::uint32_t va = b_.reserve();
+      b_.set_array(va, vrefs.data(), vrefs.size());
+      Frame& f = frame();
+      f.keys.push_back(constant(ns_keys_, "NS.keys"));
+      f.values.push_back(ka);
+      f.keys.push_back(constant(ns_objects_, "NS.objects"));
+      f.values.push_back(va);
+    }
+    const std::uint32_t cls = class_uid(graph.class_name(n), nullptr);
+    Frame& f = frame();
+    f.keys.push_back(constant(class_key_, "$class"));
+    f.values.push_back(b_.add_uid(cls));
+    b_.set_dict(index, f.keys.data(), f.values.data(), f.keys.size());
+  }
 
   Frame& frame() {
     while (frames_.size() <= static_cast<std::size_t>(depth_)) frames_.push_back(std::make_unique<Frame>());
@@ -416,15 +524,16 @@ class Archiver final : public KeyedEncoder {
       case ObjectKind::Number:
         break;  // plain, never here
     }
-    const std::uint32_t cls = class_uid(o);
+    const std::uint32_t cls = class_uid(o->class_name(), o);
     Frame& f = frame();
     f.keys.push_back(constant(class_key_, "$class"));
     f.values.push_back(b_.add_uid(cls));
     b_.set_dict(index, f.keys.data(), f.values.data(), f.keys.size());
   }
 
-  std::uint32_t class_uid(const Object* o) {
-    std::string_view name = o->class_name();
+  // The UID of a class record; `o` (an object of the class, or null for a Foundation class) gives a
+  // record class its chain.
+  std::uint32_t class_uid(std::string_view name, const Object* o) {
     for (const RecentClass& r : recent_classes_)
       if (!r.name.empty() && r.name == name) return r.uid;
     std::uint32_t uid = known_class_uid(o, name);
@@ -436,8 +545,9 @@ class Archiver final : public KeyedEncoder {
 
   std::uint32_t known_class_uid(const Object* o, std::string_view name) {
     if (auto it = classes_.find(name); it != classes_.end()) return it->second;
-    std::span<const std::string_view> chain =
-        o->kind() == ObjectKind::Record ? static_cast<const Record*>(o)->class_chain() : foundation_chain(name);
+    std::span<const std::string_view> chain = o && o->kind() == ObjectKind::Record
+                                                  ? static_cast<const Record*>(o)->class_chain()
+                                                  : foundation_chain(name);
     const std::uint32_t uid = static_cast<std::uint32_t>(entries_.size());
     const std::uint32_t index = b_.reserve();
     entries_.push_back(index);
@@ -478,6 +588,8 @@ class Archiver final : public KeyedEncoder {
   unsigned recent_next_ = 0;
   std::deque<std::string> owned_;
   std::vector<Ref<Object>> kept_;  // streamed objects with parts still to write
+  std::vector<std::uint32_t> graph_uids_;  // node -> UID, for the graph being written
+  bool in_graph_ = false;
   std::uint32_t ns_objects_ = UINT32_MAX, ns_keys_ = UINT32_MAX, ns_string_ = UINT32_MAX, ns_data_ = UINT32_MAX,
                 class_key_ = UINT32_MAX;
 };
@@ -729,6 +841,61 @@ class KeyedUnarchiverImpl final : public KeyedDecoder {
     drain();
     if (!error_.empty()) return std::nullopt;
     return value.get();  // decoded_ keeps it
+  }
+
+  // The same value, described instead of decoded: what the decoded object would be, for the plain
+  // values (strings, numbers, booleans) and nil; Other for anything else.
+  std::optional<KeyedArchiveLookup::Value> peek(std::span<const std::string_view> path) {
+    using Value = KeyedArchiveLookup::Value;
+    std::uint64_t uid = root_uid_;
+    for (std::size_t step = 0; step < path.size(); ++step) {
+      if (uid == 0 || kinds()[uid] != kRecord) return Value{};  // not a dictionary
+      const Builtin b = scratch_->records[uid].builtin;
+      if (b != Builtin::Dict && b != Builtin::MutableDict) return Value{};
+      std::optional<std::uint64_t> found = find_entry(uid, path[step]);
+      if (!found) return std::nullopt;
+      uid = *found;
+      if (uid == 0) return Value{};
+    }
+    Value v;
+    v.uid = uid;
+    switch (kinds()[uid]) {
+      case kNil: return Value{};
+      case kValue: break;
+      default: v.kind = Value::Kind::Other; return v;
+    }
+    auto it = v_.item(v_.ref_unchecked(objects_, uid));
+    if (!it) return std::nullopt;
+    switch (it->type) {
+      case Type::AsciiString:
+      case Type::Utf8String:
+      case Type::Utf16String:
+        v.kind = Value::Kind::String;
+        if (scratch_->texts[uid].data() != nullptr) {
+          v.text = scratch_->texts[uid];
+        } else {
+          v.converted = true;
+          v.converted_text = v_.text(it.value());
+        }
+        return v;
+      case Type::Int:
+        v.kind = it->flag ? Value::Kind::Unsigned : Value::Kind::Signed;
+        v.bits = it->scalar;
+        return v;
+      case Type::Real:
+        v.kind = Value::Kind::Real;
+        v.bits = std::bit_cast<std::uint64_t>(v_.real(it.value()));
+        return v;
+      case Type::Bool:
+        v.kind = Value::Kind::Bool;
+        v.bits = it->flag ? 1 : 0;
+        return v;
+      case Type::Null:
+        return Value{};
+      default:
+        v.kind = Value::Kind::Other;
+        return v;
+    }
   }
 
   // The UID under `key` in a dictionary record, as the decoded dictionary's first entry with that key
@@ -1524,6 +1691,11 @@ KeyedArchiveLookup::~KeyedArchiveLookup() = default;
 std::optional<Object*> KeyedArchiveLookup::at_path(std::initializer_list<std::string_view> path) {
   if (!state_) return std::nullopt;
   return state_->impl->lookup(std::span<const std::string_view>(path.begin(), path.size()));
+}
+
+std::optional<KeyedArchiveLookup::Value> KeyedArchiveLookup::value_at(std::initializer_list<std::string_view> path) {
+  if (!state_) return std::nullopt;
+  return state_->impl->peek(std::span<const std::string_view>(path.begin(), path.size()));
 }
 
 Ref<Object> copy_through_archive(const Object* obj, const ClassRegistry& registry) {

@@ -21,6 +21,7 @@
 #include <vector>
 
 #include "platform/bplist_format.h"
+#include "platform/flat_graph.h"
 #include "platform/object.h"
 #include "platform/result.h"
 #include "platform/value.h"
@@ -39,7 +40,23 @@ class KeyedEncoder {
   // A list of objects written in place under the key (as NS.objects is), whose objects `produce`
   // hands to the sink one at a time. Each is written when handed over and may be dropped right after,
   // so a long list of large objects never needs to be in memory at once.
-  using ObjectSink = std::function<void(const Ref<Object>&)>;
+  class ObjectSink {
+   public:
+    virtual ~ObjectSink() = default;
+    virtual void operator()(const Ref<Object>& item) const = 0;
+    // The same as handing over the graph's objects; a writer that can writes it without making them.
+    virtual void graph(const FlatGraph& graph, FlatGraph::Node root) const { (*this)(graph.materialize(root)); }
+  };
+  // A sink that hands each object to a function.
+  template <class F>
+  class ObjectSinkOf final : public ObjectSink {
+   public:
+    explicit ObjectSinkOf(F f) : f_(std::move(f)) {}
+    void operator()(const Ref<Object>& item) const override { f_(item); }
+
+   private:
+    F f_;
+  };
   virtual void encode_object_stream(std::string_view key, const std::function<void(const ObjectSink&)>& produce) = 0;
 
   // State shared by the objects of one archiving run: made by `make` on the first call with `key`,
@@ -162,6 +179,19 @@ class KeyedArchiveLookup {
   // The object at a path of nested dictionaries (owned by the lookup); null when a part is missing or a
   // value on the way is not a dictionary; nothing when this lookup cannot tell.
   std::optional<Object*> at_path(std::initializer_list<std::string_view> path);
+
+  // The same object described instead of made, for plain values: the stored object's UID (one object
+  // per UID: equal UIDs decode to one object) and its value; Other for any other kind of object.
+  struct Value {
+    enum class Kind : std::uint8_t { Nil, String, Signed, Unsigned, Real, Bool, Other };
+    Kind kind = Kind::Nil;
+    std::uint64_t uid = 0;
+    std::string_view text;       // String: its UTF-8 bytes, in the archive's bytes ...
+    bool converted = false;      // ... unless stored in another form: then in converted_text
+    std::string converted_text;
+    std::uint64_t bits = 0;      // numbers: as the decoded Number keeps them; Bool: 0 or 1
+  };
+  std::optional<Value> value_at(std::initializer_list<std::string_view> path);
 
  private:
   struct State;

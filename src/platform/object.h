@@ -52,6 +52,7 @@ class Object {
     if (!immortal_ && refs_.fetch_sub(1, std::memory_order_acq_rel) == 1) destroy(this);
   }
   std::uint32_t ref_count() const { return refs_.load(std::memory_order_relaxed); }
+  bool is_immortal() const { return immortal_; }
   // Makes a constant live as long as the process, with its count left alone from then on: constants
   // that every thread uses (YES, NO, NSNull, keys of converted records) would otherwise bounce their
   // count's cache line between the cores on every use. Call before the object is shared.

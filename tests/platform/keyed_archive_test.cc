@@ -6,6 +6,7 @@
 #include "platform/bplist_format.h"
 #include "platform/keyed_archive.h"
 #include "platform/plist.h"
+#include "support/streamed_list.h"
 #include "support/support.h"
 
 namespace orvia {
@@ -376,6 +377,74 @@ TEST(KeyedArchive, MalformedArchivesAreErrors) {
                                             uid + "2</integer></dict></dict><dict><key>$classname</key><string>NSMutableArray</string></dict>"));
   ASSERT_TRUE(cyc.ok()) << cyc.error().message;
   EXPECT_EQ(as_array(cyc.value().get())->at(0).get(), cyc.value().get());
+}
+
+TEST(KeyedArchive, GraphsAreWrittenAsTheirObjectsAre) {
+  using test::StreamedList;
+  static const Ref<String> key_a = immortal(str("a")), key_b = immortal(str("b"));
+  static const Ref<Number> seven = immortal(num(7));
+  // A record-shaped graph: shared nodes, constants, nested containers, every kind of plain value.
+  auto shaped = [](FlatGraph& g, bool with_cycle) {
+    const FlatGraph::Node root = g.dictionary(true), inner = g.dictionary(false), list = g.array(false);
+    const FlatGraph::Node shared = g.string("shared text"), a = g.existing(key_a.get()), b = g.existing(key_b.get());
+    g.put(root, a, shared);
+    g.put(root, b, inner);
+    g.put(inner, a, shared);  // the same string object twice: one UID
+    g.put(inner, g.string("caf\xC3\xA9 \xF0\x9F\x8C\x8A"), g.owned_string("owned"));
+    g.put(inner, b, list);
+    g.append(list, g.signed_number(-5));
+    g.append(list, g.unsigned_number(UINT64_MAX));
+    g.append(list, g.real_number(2.5));
+    g.append(list, g.existing(boolean(true).get()));
+    g.append(list, g.existing(seven.get()));
+    g.append(list, g.string("shared text"));  // equal text, another object: another UID
+    g.append(list, g.array(true));
+    if (with_cycle) g.append(list, list);
+    g.put(root, g.string("empty"), g.dictionary(true));
+    return root;
+  };
+  FlatGraph first, second, cyclic;
+  const FlatGraph::Node r1 = shaped(first, false), r2 = shaped(second, false), r3 = shaped(cyclic, true);
+  // Not only constants: the graph holds an object that could go away, so its objects are written.
+  auto owned_value = str("an object of the caller");
+  FlatGraph holding;
+  const FlatGraph::Node r4 = holding.dictionary(true);
+  holding.put(r4, holding.existing(key_a.get()), holding.existing(owned_value.get()));
+
+  struct Case {
+    const char* name;
+    std::vector<std::pair<const FlatGraph*, FlatGraph::Node>> graphs;
+    int depth;
+  };
+  const std::vector<Case> cases = {
+      {"one graph", {{&first, r1}}, 0},
+      {"two graphs sharing constants", {{&first, r1}, {&second, r2}}, 0},
+      {"a cycle", {{&cyclic, r3}, {&first, r1}}, 0},
+      {"an object that is not a constant", {{&holding, r4}, {&first, r1}}, 0},
+      {"deep enough to leave parts for the end", {{&first, r1}, {&cyclic, r3}}, 93},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    std::vector<StreamedList::Item> as_graphs, as_objects;
+    for (const auto& [graph, root] : c.graphs) {
+      as_graphs.push_back({nullptr, graph, root});
+      as_objects.push_back({graph->materialize(root)});
+    }
+    const std::string expected = test::archive_streamed(as_objects, c.depth);
+    EXPECT_TRUE(test::archive_streamed(as_graphs, c.depth) == expected);
+    // And what the objects hold reads back as the graph describes it.
+    auto back = unarchive(expected);
+    ASSERT_TRUE(back.ok());
+  }
+  // The materialized objects: one object per node, shared where the node is.
+  Ref<Object> made = first.materialize(r1);
+  const Dictionary* root = as_dict(made.get());
+  ASSERT_NE(root, nullptr);
+  const Dictionary* inner = as_dict(root->get("b"));
+  ASSERT_NE(inner, nullptr);
+  EXPECT_EQ(root->get("a"), inner->get("a"));
+  EXPECT_TRUE(root->is_mutable());
+  EXPECT_FALSE(inner->is_mutable());
 }
 
 }  // namespace

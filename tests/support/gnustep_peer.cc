@@ -152,7 +152,7 @@ class CollectingEncoder final : public KeyedEncoder {
   }
   void encode_object_stream(std::string_view key, const std::function<void(const ObjectSink&)>& produce) override {
     auto list = make<Array>(false);  // gathered whole: the peer's records are small
-    produce([&](const Ref<Object>& item) { list->push_back(item); });
+    produce(ObjectSinkOf([&](const Ref<Object>& item) { list->push_back(item); }));
     fields.push_back({std::string(key), list.get(), nullptr, false});
     lists_.push_back(std::move(list));
   }
