@@ -672,6 +672,8 @@ class KeyedUnarchiverImpl final : public KeyedDecoder {
     auto tops = open_archive();
     if (!tops) return false;
     const std::uint64_t count = objects_.count;
+    std::vector<std::uint8_t>& roles = scratch_->key_roles;  // by bplist object: its role as a key
+    roles.assign(v_.size(), kRoleUnseen);
     std::vector<std::uint8_t>& kinds = scratch_->kinds;
     kinds.assign(count, kValue);
     std::vector<std::uint64_t>& targets = scratch_->targets;   // must be nil, a value or an object record
@@ -679,7 +681,6 @@ class KeyedUnarchiverImpl final : public KeyedDecoder {
     targets.clear();
     records.assign(count, LookupRecord{});
     scratch_->key_index.dict = 0;
-    Frame& f = frame_at(1);
     auto note_target = [&](const Item& it) {
       if (it.type == Type::Uid) targets.push_back(it.scalar);
     };
@@ -750,21 +751,33 @@ class KeyedUnarchiverImpl final : public KeyedDecoder {
         default:
           continue;  // other values
       }
-      if (!load_fields(it.value(), f)) return false;
+      // The fields as load_fields reads them, each key's role worked out once per key object (the
+      // few keys of an archive are shared by all its records).
+      Item cls_item{}, keys_item{}, objects_item{};
       const Item *cls = nullptr, *keys = nullptr, *objects = nullptr;
       bool is_class = false;
-      for (const Field& field : f.fields) {
-        const std::string_view key = field.key;
-        if (key.empty()) continue;
-        if (key[0] == '$') {
-          if (key == "$classname") is_class = true;
-          if (key == "$class" && !cls) cls = &field.value;
-        } else if (key == "NS.keys") {
-          if (!keys) keys = &field.value;
-        } else if (key == "NS.objects") {
-          if (!objects) objects = &field.value;
-        } else if (key == "NS.string" || key == "NS.bytes" || key == "NS.data" || key == "NS.time") {
-          note_target(field.value);  // each read by the Foundation class that has it
+      const Item& d = it.value();
+      for (std::uint64_t i = 0; i < d.count; ++i) {
+        const std::uint64_t k_ref = v_.ref_unchecked(d, i), v_ref = v_.ref_unchecked(d, d.count + i);
+        if (k_ref >= object_count || v_ref >= object_count) return false;
+        std::uint8_t role = roles[k_ref];
+        if (role == kRoleUnseen) role = roles[k_ref] = key_role(k_ref);
+        if (role == kRoleBad) return false;
+        auto value = v_.item(v_ref);
+        if (!value) return false;
+        switch (role) {
+          case kRoleClassName: is_class = true; break;
+          case kRoleClass:
+            if (!cls) cls = &(cls_item = value.value());
+            break;
+          case kRoleKeys:
+            if (!keys) keys = &(keys_item = value.value());
+            break;
+          case kRoleObjects:
+            if (!objects) objects = &(objects_item = value.value());
+            break;
+          case kRoleTarget: note_target(value.value()); break;  // each read by the Foundation class that has it
+          default: break;
         }
       }
       if (is_class) {
@@ -822,6 +835,34 @@ class KeyedUnarchiverImpl final : public KeyedDecoder {
     if (!root_uid_ || kinds[root_uid_] != kRecord) return false;
     const Builtin root = records[root_uid_].builtin;
     return (root == Builtin::Dict || root == Builtin::MutableDict) && error_.empty();
+  }
+
+  // What a key means to the check in open_for_lookup, read as load_fields reads keys.
+  enum : std::uint8_t { kRoleUnseen, kRoleBad, kRoleNone, kRoleClassName, kRoleClass, kRoleKeys, kRoleObjects, kRoleTarget };
+  std::uint8_t key_role(std::uint64_t k) {
+    std::string_view key;
+    std::string converted;
+    if (std::optional<std::string_view> quick = v_.ascii_at(k); quick && bplist::is_ascii(*quick)) {
+      key = *quick;
+    } else {
+      auto ki = v_.item(k);
+      if (!ki) return kRoleBad;
+      if ((ki->type == Type::AsciiString || ki->type == Type::Utf8String) && bplist::is_ascii(v_.raw(ki.value()))) {
+        key = v_.raw(ki.value());
+      } else if (ki->type == Type::AsciiString || ki->type == Type::Utf8String || ki->type == Type::Utf16String) {
+        converted = v_.text(ki.value());
+        key = converted;
+      } else {
+        return kRoleBad;  // not a string
+      }
+    }
+    if (key.size() >= 2 && key[0] == '$' && key[1] == '$') key.remove_prefix(1);
+    if (key == "$classname") return kRoleClassName;
+    if (key == "$class") return kRoleClass;
+    if (key == "NS.keys") return kRoleKeys;
+    if (key == "NS.objects") return kRoleObjects;
+    if (key == "NS.string" || key == "NS.bytes" || key == "NS.data" || key == "NS.time") return kRoleTarget;
+    return kRoleNone;
   }
 
   // The object at a key path of nested dictionaries below the root; nil when a part is missing or a
@@ -1458,6 +1499,7 @@ class KeyedUnarchiverImpl final : public KeyedDecoder {
 
   struct Scratch {
     std::vector<std::uint8_t> kinds;
+    std::vector<std::uint8_t> key_roles;
     std::vector<std::uint64_t> targets;
     std::vector<std::uint8_t> class_builtins;
     std::vector<LookupRecord> records;

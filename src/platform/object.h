@@ -168,7 +168,13 @@ class Heap {
   std::size_t tracked_count() const { return count_; }
   static Heap* current();
   // A number no other heap of this process has had, even one at the same address later: 0 for none.
-  std::uint64_t serial() const { return serial_; }
+  // Taken when first asked for: most heaps (one per converted record) are never asked.
+  std::uint64_t serial() const {
+    std::uint64_t s = serial_.load(std::memory_order_acquire);
+    if (s != 0) return s;
+    std::uint64_t fresh = next_serial();
+    return serial_.compare_exchange_strong(s, fresh, std::memory_order_acq_rel) ? fresh : s;
+  }
   static std::uint64_t current_serial() { return current() ? current()->serial() : 0; }
   // Takes over every object `other` tracks (made elsewhere, now to live as long as this heap).
   void adopt(Heap& other);
@@ -180,7 +186,7 @@ class Heap {
   void remove(Object* obj);
   Object* head_ = nullptr;
   std::size_t count_ = 0;
-  const std::uint64_t serial_ = next_serial();
+  mutable std::atomic<std::uint64_t> serial_{0};
   static std::uint64_t next_serial();
 };
 
