@@ -73,6 +73,19 @@ constexpr Node kNone = FlatGraph::kNone;
 // "code" is set for it. The text lies in the graph's bytes (a string) or in `scratch` (a number).
 bool text_source(const FlatGraph& g, Node n, std::string_view& out, std::string& scratch) {
   if (n == kNone) return false;
+  if (FlatGraph::is_existing(n)) {
+    const Object* o = g.existing_object(n);
+    if (const String* s = as_string(o)) {
+      out = s->str();
+      return true;
+    }
+    if (as_number(o)) {
+      scratch = description(o);
+      out = scratch;
+      return true;
+    }
+    return false;
+  }
   const FlatGraph::Data& d = g.node(n);
   switch (d.kind) {
     case FlatGraph::Kind::String:
@@ -82,25 +95,14 @@ bool text_source(const FlatGraph& g, Node n, std::string_view& out, std::string&
       scratch = description(g.materialize(n).get());
       out = scratch;
       return true;
-    case FlatGraph::Kind::Existing:
-      if (const String* s = as_string(d.object)) {
-        out = s->str();
-        return true;
-      }
-      if (as_number(d.object)) {
-        scratch = description(d.object);
-        out = scratch;
-        return true;
-      }
-      return false;
     default:
       return false;
   }
 }
 
 bool is_string(const FlatGraph& g, Node n) {
-  const FlatGraph::Data& d = g.node(n);
-  return d.kind == FlatGraph::Kind::String || (d.kind == FlatGraph::Kind::Existing && as_string(d.object));
+  if (FlatGraph::is_existing(n)) return as_string(g.existing_object(n)) != nullptr;
+  return g.node(n).kind == FlatGraph::Kind::String;
 }
 
 // A part of a text: a view when the text lies in the graph's bytes, a copy when it lies in scratch.
@@ -281,7 +283,7 @@ bool convertedGraphByLookup(std::string_view archive, FlatGraph& graph, FlatGrap
   KeyedArchiveLookup lookup(archive);
   if (!lookup.usable()) return false;
   graph.clear();
-  graph.reserve(96, 64);
+  graph.reserve(32, 64, 48);
   if (convert_by_lookup(lookup, graph, root)) return true;
   graph.clear();
   return false;

@@ -5,16 +5,15 @@
 
 namespace orvia {
 
-FlatGraph::Node FlatGraph::add(Data d) {
+FlatGraph::Node FlatGraph::add(const Data& d) {
   nodes_.push_back(d);
   return static_cast<Node>(nodes_.size() - 1);
 }
 
 FlatGraph::Node FlatGraph::existing(const Object* object) {
   if (object && !object->is_immortal()) only_constants_ = false;
-  Data d{Kind::Existing};
-  d.object = object;
-  return add(d);
+  existing_.push_back(object);
+  return static_cast<Node>(existing_.size() - 1) | kExistingBit;
 }
 
 FlatGraph::Node FlatGraph::string(std::string_view utf8) {
@@ -83,15 +82,16 @@ void FlatGraph::append(Node array, Node item) { link(array, kNone, item); }
 void FlatGraph::clear() {
   nodes_.clear();
   edges_.clear();
+  existing_.clear();
   owned_.clear();
   containers_ = 0;
   only_constants_ = true;
 }
 
 std::string_view FlatGraph::class_name(Node n) const {
+  if (is_existing(n)) return existing_object(n) ? existing_object(n)->class_name() : std::string_view();
   const Data& d = nodes_[n];
   switch (d.kind) {
-    case Kind::Existing: return d.object ? d.object->class_name() : std::string_view();
     case Kind::String: return "NSString";
     case Kind::Number: return "NSNumber";
     case Kind::Dictionary: return d.is_mutable ? "NSMutableDictionary" : "NSDictionary";
@@ -107,7 +107,6 @@ Ref<Object> FlatGraph::materialize(Node root) const {
   for (std::size_t i = 0; i < nodes_.size(); ++i) {
     const Data& d = nodes_[i];
     switch (d.kind) {
-      case Kind::Existing: made[i] = Ref<Object>(const_cast<Object*>(d.object)); break;
       case Kind::String: made[i] = str(d.text); break;
       case Kind::Number:
         made[i] = d.number_type == Number::Type::Real       ? Number::from_real(std::bit_cast<double>(d.bits))
@@ -118,18 +117,21 @@ Ref<Object> FlatGraph::materialize(Node root) const {
       case Kind::Array: made[i] = make<Array>(d.is_mutable); break;
     }
   }
+  auto object = [&](Node n) {
+    return is_existing(n) ? Ref<Object>(const_cast<Object*>(existing_object(n))) : made[n];
+  };
   for (std::size_t i = 0; i < nodes_.size(); ++i) {
     const Data& d = nodes_[i];
     if (d.kind == Kind::Dictionary) {
       auto* dict = static_cast<Dictionary*>(made[i].get());
       dict->reserve(d.count);
-      for (std::uint32_t e = d.first; e != kNone; e = edges_[e].next) dict->append(made[edges_[e].key], made[edges_[e].value]);
+      for (std::uint32_t e = d.first; e != kNone; e = edges_[e].next) dict->append(object(edges_[e].key), object(edges_[e].value));
     } else if (d.kind == Kind::Array) {
       auto* array = static_cast<Array*>(made[i].get());
-      for (std::uint32_t e = d.first; e != kNone; e = edges_[e].next) array->push_back(made[edges_[e].value]);
+      for (std::uint32_t e = d.first; e != kNone; e = edges_[e].next) array->push_back(object(edges_[e].value));
     }
   }
-  return root < made.size() ? made[root] : nullptr;
+  return root == kNone ? nullptr : object(root);
 }
 
 }  // namespace orvia

@@ -22,10 +22,13 @@ class FlatGraph {
  public:
   using Node = std::uint32_t;
   static constexpr Node kNone = UINT32_MAX;
-  enum class Kind : std::uint8_t { Existing, String, Number, Dictionary, Array };
+  enum class Kind : std::uint8_t { String, Number, Dictionary, Array };
 
   // An object that exists already (written as that object is); it must outlive the graph's use.
+  // Kept apart from the new objects' nodes, as a pointer.
   Node existing(const Object* object);
+  static bool is_existing(Node n) { return n != kNone && (n & kExistingBit) != 0; }
+  const Object* existing_object(Node n) const { return existing_[n & ~kExistingBit]; }
   // A new immutable string.
   Node string(std::string_view utf8);
   Node owned_string(std::string utf8);
@@ -40,11 +43,13 @@ class FlatGraph {
   void append(Node array, Node item);
 
   void clear();
-  void reserve(std::size_t nodes, std::size_t edges) {
+  void reserve(std::size_t nodes, std::size_t edges, std::size_t existing) {
     nodes_.reserve(nodes);
     edges_.reserve(edges);
+    existing_.reserve(existing);
   }
-  bool empty() const { return nodes_.empty(); }
+  bool empty() const { return nodes_.empty() && existing_.empty(); }
+  // The new objects' nodes are numbered 0 to size() - 1.
   std::size_t size() const { return nodes_.size(); }
   std::size_t container_count() const { return containers_; }
   // True when every existing object in the graph lives as long as the process (constants), so the
@@ -54,7 +59,8 @@ class FlatGraph {
   // The objects of the graph; `root`'s object.
   Ref<Object> materialize(Node root) const;
 
-  // For writers: a node and its entries in order (dictionaries: key and value; arrays: value only).
+  // For writers: a new object's node and its entries in order (dictionaries: key and value; arrays:
+  // value only).
   struct Data {
     Kind kind;
     bool is_mutable = false;
@@ -62,8 +68,7 @@ class FlatGraph {
     std::uint32_t count = 0;  // entries
     std::uint32_t first = kNone, last = kNone;
     std::uint64_t bits = 0;  // numbers
-    const Object* object = nullptr;
-    std::string_view text;
+    std::string_view text;   // strings
   };
   struct Edge {
     Node key, value;
@@ -74,10 +79,12 @@ class FlatGraph {
   std::string_view class_name(Node n) const;
 
  private:
-  Node add(Data d);
+  static constexpr Node kExistingBit = 0x80000000u;
+  Node add(const Data& d);
   void link(Node container, Node key, Node value);
   std::vector<Data> nodes_;
   std::vector<Edge> edges_;
+  std::vector<const Object*> existing_;
   std::forward_list<std::string> owned_;  // makes nothing until a string is owned
   std::size_t containers_ = 0;
   bool only_constants_ = true;

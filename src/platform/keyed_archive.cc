@@ -307,8 +307,8 @@ class Archiver final : public KeyedEncoder {
   static constexpr std::uint32_t kNoUid = UINT32_MAX;
 
   std::uint32_t uid_of_node(const FlatGraph& graph, FlatGraph::Node n) {
+    if (FlatGraph::is_existing(n)) return uid_of(graph.existing_object(n));
     const FlatGraph::Data& d = graph.node(n);
-    if (d.kind == FlatGraph::Kind::Existing) return uid_of(d.object);
     std::uint32_t& slot = graph_uids_[n];
     if (slot != kNoUid) return slot;
     const std::uint32_t uid = static_cast<std::uint32_t>(entries_.size());
