@@ -212,9 +212,14 @@ void media_passes(Stages& stages, const Ref<MQCoreDataWrapper>& store, RunOutcom
   }
   {
     Stages::Interval t(stages, kMedia);
+    FlatGraph graph;
     for (const Ref<ImageList>& album : *albums) {
       album->enumerateImages([&](const ImageItemRow& row) {
-        (void)row.convertedDictionary();
+        // As the album lists convert: into a graph where it can, into objects otherwise.
+        const std::string_view bytes = row.dictionary;
+        FlatGraph::Node root;
+        std::string unreadable;
+        (void)convertedMediaFromArchive(row.has_dictionary ? &bytes : nullptr, &unreadable, graph, root);
         return true;
       });
     }
