@@ -70,8 +70,10 @@ constexpr Node kNone = FlatGraph::kNone;
 
 // The text that "id" and "link" are cut from. A string is taken as it is and a number by its decimal
 // text (a stored numeric id still gives a "pk"); any other kind gives nothing, so neither "pk" nor
-// "code" is set for it. The text lies in the graph's bytes (a string) or in `scratch` (a number).
-bool text_source(const FlatGraph& g, Node n, std::string_view& out, std::string& scratch) {
+// "code" is set for it. The text lies in the graph's bytes (a string) or in `scratch` (a number:
+// `in_scratch` is set).
+bool text_source(const FlatGraph& g, Node n, std::string_view& out, std::string& scratch, bool& in_scratch) {
+  in_scratch = false;
   if (n == kNone) return false;
   if (FlatGraph::is_existing(n)) {
     const Object* o = g.existing_object(n);
@@ -82,6 +84,7 @@ bool text_source(const FlatGraph& g, Node n, std::string_view& out, std::string&
     if (as_number(o)) {
       scratch = description(o);
       out = scratch;
+      in_scratch = true;
       return true;
     }
     return false;
@@ -94,6 +97,7 @@ bool text_source(const FlatGraph& g, Node n, std::string_view& out, std::string&
     case FlatGraph::Kind::Number:
       scratch = description(g.materialize(n).get());
       out = scratch;
+      in_scratch = true;
       return true;
     default:
       return false;
@@ -106,8 +110,7 @@ bool is_string(const FlatGraph& g, Node n) {
 }
 
 // A part of a text: a view when the text lies in the graph's bytes, a copy when it lies in scratch.
-Node cut_text(FlatGraph& g, std::string_view part, const std::string& scratch) {
-  const bool in_scratch = part.data() >= scratch.data() && part.data() <= scratch.data() + scratch.size();
+Node cut_text(FlatGraph& g, std::string_view part, bool in_scratch) {
   return in_scratch ? g.owned_string(std::string(part)) : g.string(part);
 }
 
@@ -151,15 +154,16 @@ Node convert(FlatGraph& g, AtPath&& at_path, Present&& present) {
   Node pk = kNone;
   std::string_view text;
   std::string scratch;
-  if (text_source(g, id, text, scratch)) {
+  bool in_scratch = false;
+  if (text_source(g, id, text, scratch, in_scratch)) {
     std::size_t cut = text.find('_');
-    pk = cut == std::string_view::npos && is_string(g, id) ? id : cut_text(g, text.substr(0, cut), scratch);
+    pk = cut == std::string_view::npos && is_string(g, id) ? id : cut_text(g, text.substr(0, cut), in_scratch);
   }
   // "code": the link after its last "/" (empty when it ends in "/", the whole link when it has none).
   Node code = kNone;
-  if (text_source(g, at_path({"link"}), text, scratch)) {
+  if (text_source(g, at_path({"link"}), text, scratch, in_scratch)) {
     std::size_t cut = text.rfind('/');
-    code = cut_text(g, cut == std::string_view::npos ? text : text.substr(cut + 1), scratch);
+    code = cut_text(g, cut == std::string_view::npos ? text : text.substr(cut + 1), in_scratch);
   }
 
   put(out, c.taken_at, created_time);

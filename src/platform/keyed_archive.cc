@@ -1,8 +1,8 @@
 #include "platform/keyed_archive.h"
 
 #include <array>
-#include <bit>
 #include <atomic>
+#include <bit>
 #include <cstring>
 #include <deque>
 #include <mutex>
