@@ -358,17 +358,26 @@ class Archiver final : public KeyedEncoder {
         krefs.push_back(b_.add_uid(uid_of_node(graph, graph.edge(e).key)));
       for (std::uint32_t e = d.first; e != FlatGraph::kNone; e = graph.edge(e).next)
         vrefs.push_back(b_.add_uid(uid_of_node(graph, graph.edge(e).value)));
-      const std::uint32_t ka = b_.reserve();
-      b_.set_array(ka, krefs.data(), krefs.size());
-      const std::uint32_t va = b_.reserve();
-      b_.set_array(va, vrefs.data(), vrefs.size());
-      Frame& f = frame();
-      f.keys.push_back(constant(ns_keys_, "NS.keys"));
-      f.values.push_back(ka);
-      f.keys.push_back(constant(ns_objects_, "NS.objects"));
-      f.values.push_back(va);
+      dictionary_fields(krefs, vrefs);
     }
-    const std::uint32_t cls = class_uid(graph.class_name(n), nullptr);
+    finish_entry(index, class_uid(graph.class_name(n), nullptr));
+  }
+
+  // A dictionary's fields, from the UID references of its keys and of its values.
+  void dictionary_fields(const Indices& krefs, const Indices& vrefs) {
+    const std::uint32_t ka = b_.reserve();
+    b_.set_array(ka, krefs.data(), krefs.size());
+    const std::uint32_t va = b_.reserve();
+    b_.set_array(va, vrefs.data(), vrefs.size());
+    Frame& f = frame();
+    f.keys.push_back(constant(ns_keys_, "NS.keys"));
+    f.values.push_back(ka);
+    f.keys.push_back(constant(ns_objects_, "NS.objects"));
+    f.values.push_back(va);
+  }
+
+  // The "$class" field, then the entry at `index` made of the frame's fields.
+  void finish_entry(std::uint32_t index, std::uint32_t cls) {
     Frame& f = frame();
     f.keys.push_back(constant(class_key_, "$class"));
     f.values.push_back(b_.add_uid(cls));
@@ -490,15 +499,7 @@ class Archiver final : public KeyedEncoder {
         prefetch_strings(entries);
         for (const auto& e : entries) krefs.push_back(b_.add_uid(uid_of(e.first.get())));
         for (const auto& e : entries) vrefs.push_back(b_.add_uid(uid_of(e.second.get())));
-        std::uint32_t ka = b_.reserve();
-        b_.set_array(ka, krefs.data(), krefs.size());
-        std::uint32_t va = b_.reserve();
-        b_.set_array(va, vrefs.data(), vrefs.size());
-        Frame& f = frame();
-        f.keys.push_back(constant(ns_keys_, "NS.keys"));
-        f.values.push_back(ka);
-        f.keys.push_back(constant(ns_objects_, "NS.objects"));
-        f.values.push_back(va);
+        dictionary_fields(krefs, vrefs);
         break;
       }
       case ObjectKind::Date:
@@ -524,11 +525,7 @@ class Archiver final : public KeyedEncoder {
       case ObjectKind::Number:
         break;  // plain, never here
     }
-    const std::uint32_t cls = class_uid(o->class_name(), o);
-    Frame& f = frame();
-    f.keys.push_back(constant(class_key_, "$class"));
-    f.values.push_back(b_.add_uid(cls));
-    b_.set_dict(index, f.keys.data(), f.values.data(), f.keys.size());
+    finish_entry(index, class_uid(o->class_name(), o));
   }
 
   // The UID of a class record; `o` (an object of the class, or null for a Foundation class) gives a
