@@ -329,10 +329,6 @@ Ref<Dictionary> ImageItemRow::convertedDictionary() const {
   return convertedDictionaryFromArchive(&dictionary, objectURI());
 }
 
-Ref<Dictionary> ImageItemRow::convertedDictionary(std::string* unreadable) const {
-  return convertedDictionaryFromArchive(has_dictionary ? &dictionary : nullptr, unreadable);
-}
-
 std::span<const std::string_view> ImageList::class_chain() const {
   static constexpr std::string_view kChain[] = {"NSManagedObject", "NSObject"};
   return kChain;

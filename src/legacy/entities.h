@@ -141,8 +141,6 @@ struct ImageItemRow {
   std::string objectURI() const { return store->object_uri(entity, primary_key); }
   // ImageItem's convertedDictionary for this row (never null; see media_conversion.h).
   Ref<Dictionary> convertedDictionary() const;
-  // The same without the log line: why the stored record was unreadable goes to `unreadable`.
-  Ref<Dictionary> convertedDictionary(std::string* unreadable) const;
 };
 
 // An album: an object of entity "ImageList" (no class of its own in the old client).

@@ -25,7 +25,6 @@ namespace {
 struct Member {
   std::size_t place = 0;  // the album's place in the plan
   bool end = false;       // the marker after the album's last member
-  const CoreDataStore* store = nullptr;
   std::string bytes;
   bool has_dictionary = false;
   std::int64_t entity = 0, primary_key = 0;
@@ -246,13 +245,11 @@ class MediaReader {
   // Reads the album's rows into the window, then its end marker, unless told to stop or to read
   // another album meanwhile.
   void read_album(std::size_t place, const Ref<ImageList>& album, std::deque<std::unique_ptr<Member>>& spent) {
-    const CoreDataStore* store = album->context().get();
     auto leaving = [&] { return stop_ || wanted_ != kNone; };
     try {
       album->enumerateImages([&](const ImageItemRow& row) {
         auto m = std::make_unique<Member>();
         m->place = place;
-        m->store = store;
         m->bytes.assign(row.dictionary);
         m->has_dictionary = row.has_dictionary;
         m->entity = row.entity;
