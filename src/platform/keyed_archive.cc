@@ -396,6 +396,17 @@ class Archiver final : public KeyedEncoder {
   }
 
   std::uint32_t key_index(std::string_view key) {
+    // Records name their fields with the same few literals: a key met lately at the same address is
+    // found without hashing it (its text is compared, since a caller's temporary may reuse an address).
+    RecentKey& recent = recent_keys_[(reinterpret_cast<std::uintptr_t>(key.data()) >> 3) % recent_keys_.size()];
+    if (recent.data == key.data() && recent.text == key) return recent.index;
+    const std::uint32_t index = stored_key_index(key);
+    recent.data = key.data();
+    recent.text = keys_.find(key)->first;
+    recent.index = index;
+    return index;
+  }
+  std::uint32_t stored_key_index(std::string_view key) {
     if (auto it = keys_.find(key); it != keys_.end()) return it->second;
     // Keys are copied once, so callers may pass temporaries; a user key starting with "$" gets one more.
     std::string stored;
@@ -467,6 +478,8 @@ class Archiver final : public KeyedEncoder {
   std::uint32_t uid_array(const std::vector<Ref<Object>>& items) {
     Indices& refs = frame().refs;  // frames stay put; deeper objects use deeper ones
     refs.clear();
+    // The items' headers, loaded ahead: each is read first to find whether it has a UID yet.
+    for (const auto& item : items) __builtin_prefetch(item.get());
     for (const auto& item : items) refs.push_back(b_.add_uid(uid_of(item.get())));
     std::uint32_t a = b_.reserve();
     b_.set_array(a, refs.data(), refs.size());
@@ -570,6 +583,12 @@ class Archiver final : public KeyedEncoder {
   std::vector<std::unique_ptr<Frame>> frames_;
   int depth_ = 0;
   std::unordered_map<std::string_view, std::uint32_t> keys_;
+  struct RecentKey {
+    const char* data = nullptr;  // the address the key was last passed at
+    std::string_view text;       // its text, as keys_ holds it
+    std::uint32_t index = 0;
+  };
+  std::array<RecentKey, 64> recent_keys_;
   struct TextHash {
     using is_transparent = void;
     std::size_t operator()(std::string_view s) const { return std::hash<std::string_view>{}(s); }

@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <memory>
@@ -14,6 +15,7 @@
 #include <plist/plist.h>
 
 #include "platform/bplist_format.h"
+#include "platform/prefault.h"
 #include "platform/xml_nesting.h"
 
 namespace orvia {
@@ -469,22 +471,31 @@ Result<Ref<Object>> read_property_list_file(const std::string& path) {
   } file{::open(path.c_str(), O_RDONLY | O_CLOEXEC)};
   const int fd = file.fd;
   if (fd < 0) return Error{fmt::format("plist: cannot open {}", path)};
-  // A regular file is read into a string of its size at once (a preferences file can be tens of
-  // megabytes); anything else, or a file that grew meanwhile, is read on to its end.
-  std::string bytes;
+  // A regular file is read at once into a block of its size, made resident in one call rather than
+  // page by page (a preferences file can be tens of megabytes); anything else, or a file that grew
+  // meanwhile, is read on to its end.
+  std::unique_ptr<char[]> block;
+  std::size_t capacity = 0, done = 0;
   struct stat st {};
-  if (::fstat(fd, &st) == 0 && S_ISREG(st.st_mode) && st.st_size > 0) bytes.resize(static_cast<std::size_t>(st.st_size));
-  std::size_t done = 0;
+  if (::fstat(fd, &st) == 0 && S_ISREG(st.st_mode) && st.st_size > 0) {
+    capacity = static_cast<std::size_t>(st.st_size);
+    block = std::make_unique_for_overwrite<char[]>(capacity);
+    if (capacity >= kPrefaultMinimum) prefault(block.get(), capacity);
+  }
   for (;;) {
-    if (done == bytes.size()) bytes.resize(done + 65536);
-    const ssize_t n = ::read(fd, bytes.data() + done, bytes.size() - done);
+    if (done == capacity) {
+      capacity = done + std::max<std::size_t>(65536, done / 2);
+      auto grown = std::make_unique_for_overwrite<char[]>(capacity);
+      if (done) std::memcpy(grown.get(), block.get(), done);
+      block = std::move(grown);
+    }
+    const ssize_t n = ::read(fd, block.get() + done, capacity - done);
     if (n < 0 && errno == EINTR) continue;
     if (n < 0) return Error{fmt::format("plist: cannot read {}", path)};
     if (n == 0) break;
     done += static_cast<std::size_t>(n);
   }
-  bytes.resize(done);
-  return read_property_list(bytes);
+  return read_property_list(std::string_view(block.get(), done));
 }
 
 }  // namespace orvia
