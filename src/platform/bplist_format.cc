@@ -1034,7 +1034,9 @@ bool Builder::write_to(std::uint32_t top, Sink& sink, const WriteOptions& option
   const std::size_t run = std::max<std::size_t>(options.run_objects, 1);
   const bool two = options.threads == 2 ||
                    (options.threads == 0 && count >= 4 * run && std::thread::hardware_concurrency() > 1);
-  return two && count > run ? write_parallel(top, sink, ref_size, options) : write_serial(top, sink, ref_size);
+  const bool whole = two && count > run ? write_parallel(top, sink, ref_size, options) : write_serial(top, sink, ref_size);
+  if (whole) sink.finished();
+  return whole;
 }
 
 bool Builder::write_serial(std::uint32_t top, Sink& sink, unsigned ref_size) const {

@@ -268,6 +268,10 @@ class Builder {
     virtual ~Sink() = default;
     virtual void expect(std::uint64_t total_size) { (void)total_size; }  // called once, before any piece
     virtual bool put(std::string_view piece) = 0;                      // false stops the writing
+    // Called once the whole file has been handed over (never when the writing stopped), while the
+    // builder still holds its memory: a sink that passes the file on does it here, and the receiver
+    // need not wait for that memory to be given back.
+    virtual void finished() {}
   };
   // How a file is written: the defaults suit every caller; tests set them to reach every path.
   struct WriteOptions {

@@ -20,15 +20,34 @@ void handle_import_request(ImportReply reply) {
       reply(false, std::nullopt);
       return;
     }
-    MemfdSink sink;
+    // The reply leaves as soon as the archive's last byte is in its memory file, before the archiver's
+    // memory is given back.
+    struct ReplyingSink final : bplist::Builder::Sink {
+      explicit ReplyingSink(const ImportReply& r) : reply(r) {}
+      void expect(std::uint64_t total_size) override { memfd.expect(total_size); }
+      bool put(std::string_view piece) override { return memfd.put(piece); }
+      void finished() override {
+        Result<UniqueFd> sealed = memfd.seal();
+        if (!sealed.ok()) {
+          failure = sealed.error().message;
+          return;
+        }
+        reply(true, std::move(sealed.value()));
+        replied = true;
+      }
+      const ImportReply& reply;
+      MemfdSink memfd;
+      bool replied = false;
+      std::string failure;
+    } sink(reply);
     const bool written = archive_root_to(results.get(), sink);
-    Result<UniqueFd> sealed = sink.seal();  // carries the sink's error when a piece could not be written
-    if (!written || !sealed.ok()) {
-      NSLog("cannot pass the archive: %@", sealed.ok() ? std::string("incomplete") : sealed.error().message);
-      reply(false, std::nullopt);
-      return;
+    if (written && sink.replied) return;
+    if (sink.failure.empty()) {
+      Result<UniqueFd> sealed = sink.memfd.seal();  // carries the sink's error when a piece could not be written
+      sink.failure = sealed.ok() ? std::string("incomplete") : sealed.error().message;
     }
-    reply(true, std::move(sealed.value()));
+    NSLog("cannot pass the archive: %@", sink.failure);
+    reply(false, std::nullopt);
   };
   try {
     MQOrvia4Importer::init()->importDataWithCompletion(completion);

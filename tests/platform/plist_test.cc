@@ -342,11 +342,17 @@ TEST(BinaryPlist, WritingInPiecesGivesTheSameBytes) {
       std::string bytes;
       std::uint64_t expected = 0;
       std::size_t count = 0;
+      std::size_t finished_at = 0;  // pieces seen when told the file was whole, plus one
       void expect(std::uint64_t total) override { expected = total; }
       bool put(std::string_view piece) override {
+        EXPECT_EQ(finished_at, 0u) << "a piece after the end";
         bytes.append(piece);
         ++count;
         return true;
+      }
+      void finished() override {
+        EXPECT_EQ(finished_at, 0u) << "told twice";
+        finished_at = count + 1;
       }
     };
     bplist::Builder b;
@@ -373,6 +379,7 @@ TEST(BinaryPlist, WritingInPiecesGivesTheSameBytes) {
       ASSERT_TRUE(b.write_to(top, pieces, options));
       EXPECT_EQ(pieces.expected, whole.size());
       EXPECT_GT(pieces.count, 5u);
+      EXPECT_EQ(pieces.finished_at, pieces.count + 1);
       EXPECT_TRUE(pieces.bytes == whole);
     }
     auto back = read_binary_plist(whole);
@@ -386,6 +393,7 @@ TEST(BinaryPlist, WritingInPiecesGivesTheSameBytes) {
     struct Refusing final : bplist::Builder::Sink {
       int calls = 0;
       bool put(std::string_view) override { return ++calls < 2; }
+      void finished() override { ADD_FAILURE() << "told a stopped file was whole"; }
     } refusing, refusing_two;
     EXPECT_FALSE(b.write_to(top, refusing));
     EXPECT_EQ(refusing.calls, 2);
