@@ -495,7 +495,14 @@ std::uint32_t Builder::add_scalar(ScalarTable& t, Type type, std::uint8_t flag, 
   return index;
 }
 
-std::uint32_t Builder::add_int(std::int64_t v) { return add_scalar(ints_, Type::Int, 0, static_cast<std::uint64_t>(v)); }
+std::uint32_t Builder::add_int(std::int64_t v) {
+  if (v >= 0 && v < kSmallInts) {
+    std::uint32_t& slot = small_ints_[v];
+    if (!slot) slot = add_scalar(ints_, Type::Int, 0, static_cast<std::uint64_t>(v)) + 1;
+    return slot - 1;
+  }
+  return add_scalar(ints_, Type::Int, 0, static_cast<std::uint64_t>(v));
+}
 
 std::uint32_t Builder::add_uint(std::uint64_t v) {
   if (v <= static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max())) return add_int(static_cast<std::int64_t>(v));

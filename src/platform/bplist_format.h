@@ -374,6 +374,10 @@ class Builder {
   };
   std::uint32_t add_scalar(ScalarTable& table, Type type, std::uint8_t flag, std::uint64_t bits);
   ScalarTable ints_, reals_, dates_, uints_;
+  // Small integers (type codes, sizes, counts) by value, index + 1: most integers of an archive are
+  // among them, and the table of all integers is large and cold.
+  static constexpr std::int64_t kSmallInts = 1024;
+  std::uint32_t small_ints_[kSmallInts] = {};
   std::vector<std::uint32_t, PrefaultAllocator<std::uint32_t>> uids_;  // uid value -> index + 1
   std::uint32_t bools_[2] = {0, 0}, null_ = 0;
 };
