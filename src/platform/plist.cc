@@ -484,10 +484,20 @@ Result<Ref<Object>> read_property_list_file(const std::string& path) {
   }
   for (;;) {
     if (done == capacity) {
-      capacity = done + std::max<std::size_t>(65536, done / 2);
+      // Full: the end is looked for in a small buffer first, so that a file read whole is not copied
+      // into a larger block only to find that nothing follows.
+      char more[4096];
+      const ssize_t n = ::read(fd, more, sizeof more);
+      if (n < 0 && errno == EINTR) continue;
+      if (n < 0) return Error{fmt::format("plist: cannot read {}", path)};
+      if (n == 0) break;
+      capacity = done + static_cast<std::size_t>(n) + std::max<std::size_t>(65536, done / 2);
       auto grown = std::make_unique_for_overwrite<char[]>(capacity);
       if (done) std::memcpy(grown.get(), block.get(), done);
+      std::memcpy(grown.get() + done, more, static_cast<std::size_t>(n));
       block = std::move(grown);
+      done += static_cast<std::size_t>(n);
+      continue;
     }
     const ssize_t n = ::read(fd, block.get() + done, capacity - done);
     if (n < 0 && errno == EINTR) continue;

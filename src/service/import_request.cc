@@ -40,8 +40,9 @@ void handle_import_request(ImportReply reply) {
       bool replied = false;
       std::string failure;
     } sink(reply);
-    const bool written = archive_root_to(results.get(), sink);
-    if (written && sink.replied) return;
+    // Whether the archive was written whole shows in whether the sink replied.
+    (void)archive_root_to(results.get(), sink);
+    if (sink.replied) return;
     if (sink.failure.empty()) {
       Result<UniqueFd> sealed = sink.memfd.seal();  // carries the sink's error when a piece could not be written
       sink.failure = sealed.ok() ? std::string("incomplete") : sealed.error().message;
