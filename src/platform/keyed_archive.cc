@@ -1,5 +1,6 @@
 #include "platform/keyed_archive.h"
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <bit>
@@ -166,6 +167,25 @@ class ArchiveScratch {
 namespace {
 
 // ---------------------------------------------------------------------------------------------------
+
+// Loads ahead what a record will write: run through its encode_with_coder, it prefetches each object
+// the record names and keeps them for a further pass. It writes nothing and hands no list over.
+class FieldPrefetcher final : public KeyedEncoder {
+ public:
+  explicit FieldPrefetcher(std::vector<const Object*>& fields) : fields_(fields) {}
+  void encode_object(std::string_view, const Object* obj) override {
+    if (!obj) return;
+    __builtin_prefetch(obj);
+    fields_.push_back(obj);
+  }
+  void encode_int64(std::string_view, std::int64_t) override {}
+  void encode_bool(std::string_view, bool) override {}
+  void encode_double(std::string_view, double) override {}
+  void encode_object_stream(std::string_view, const std::function<void(const ObjectSink&)>&) override {}
+
+ private:
+  std::vector<const Object*>& fields_;
+};
 
 class Archiver final : public KeyedEncoder {
  public:
@@ -455,6 +475,24 @@ class Archiver final : public KeyedEncoder {
     }
   }
 
+  // The objects that records among items [first, end) still to be written will write, then the bytes
+  // of those that are strings, then the builder's table slots for them, each loaded in a pass of its
+  // own (a tree's nodes were made long before they are written, and are far apart in memory).
+  void prefetch_fields(const std::vector<Ref<Object>>& items, std::size_t first, std::size_t end) {
+    fields_.clear();
+    FieldPrefetcher prefetcher(fields_);
+    for (std::size_t i = first; i < end; ++i) {
+      const Object* o = items[i].get();
+      if (o && o->kind() == ObjectKind::Record && !ArchiveScratch::claimed(o, run_))
+        static_cast<const Record*>(o)->encode_with_coder(prefetcher);
+    }
+    for (const Object* o : fields_)
+      if (o->kind() == ObjectKind::String) __builtin_prefetch(static_cast<const String*>(o)->str().data());
+    for (const Object* o : fields_)
+      if (o->kind() == ObjectKind::String && !ArchiveScratch::claimed(o, run_))
+        b_.prefetch_string(static_cast<const String*>(o)->str());
+  }
+
   std::uint32_t plain_index(const Object* o) {
     switch (o->kind()) {
       case ObjectKind::String:
@@ -480,7 +518,12 @@ class Archiver final : public KeyedEncoder {
     refs.clear();
     // The items' headers, loaded ahead: each is read first to find whether it has a UID yet.
     for (const auto& item : items) __builtin_prefetch(item.get());
-    for (const auto& item : items) refs.push_back(b_.add_uid(uid_of(item.get())));
+    constexpr std::size_t kAhead = 16;  // items whose fields are loaded ahead at a time
+    for (std::size_t first = 0; first < items.size(); first += kAhead) {
+      const std::size_t end = std::min(items.size(), first + kAhead);
+      prefetch_fields(items, first, end);
+      for (std::size_t i = first; i < end; ++i) refs.push_back(b_.add_uid(uid_of(items[i].get())));
+    }
     std::uint32_t a = b_.reserve();
     b_.set_array(a, refs.data(), refs.size());
     return a;
@@ -605,6 +648,7 @@ class Archiver final : public KeyedEncoder {
   std::deque<std::string> owned_;
   std::vector<Ref<Object>> kept_;  // streamed objects with parts still to write
   std::vector<std::uint32_t> graph_uids_;  // node -> UID, for the graph being written
+  std::vector<const Object*> fields_;      // what prefetch_fields found, reused
   bool in_graph_ = false;
   std::uint32_t ns_objects_ = UINT32_MAX, ns_keys_ = UINT32_MAX, ns_string_ = UINT32_MAX, ns_data_ = UINT32_MAX,
                 class_key_ = UINT32_MAX;
