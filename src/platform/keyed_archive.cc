@@ -516,11 +516,13 @@ class Archiver final : public KeyedEncoder {
   std::uint32_t uid_array(const std::vector<Ref<Object>>& items) {
     Indices& refs = frame().refs;  // frames stay put; deeper objects use deeper ones
     refs.clear();
-    // The items' headers, loaded ahead: each is read first to find whether it has a UID yet.
-    for (const auto& item : items) __builtin_prefetch(item.get());
-    constexpr std::size_t kAhead = 16;  // items whose fields are loaded ahead at a time
+    // Items are taken sixteen at a time: the headers of the next sixteen are loaded ahead (each is
+    // read first, to find whether it has a UID yet), and the fields of these before they are written.
+    constexpr std::size_t kAhead = 16;
+    for (std::size_t i = 0; i < std::min(items.size(), kAhead); ++i) __builtin_prefetch(items[i].get());
     for (std::size_t first = 0; first < items.size(); first += kAhead) {
       const std::size_t end = std::min(items.size(), first + kAhead);
+      for (std::size_t i = end; i < std::min(items.size(), end + kAhead); ++i) __builtin_prefetch(items[i].get());
       prefetch_fields(items, first, end);
       for (std::size_t i = first; i < end; ++i) refs.push_back(b_.add_uid(uid_of(items[i].get())));
     }
