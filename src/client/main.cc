@@ -1,9 +1,6 @@
 // orvia4-import: asks the importer service for what Orvia 4 left in the home folder and shows it.
 #include <CLI/CLI.hpp>
-#include <fcntl.h>
-#include <unistd.h>
 
-#include <cerrno>
 #include <cmath>
 #include <cstdio>
 #include <fstream>
@@ -14,6 +11,7 @@
 
 #include "client/import_client.h"
 #include "client/report.h"
+#include "platform/file_writer.h"
 #include "platform/keyed_archive.h"
 #include "platform/object.h"
 #include "service/import_request.h"
@@ -44,10 +42,8 @@ std::optional<std::string> read_file(const std::string& path) {
 }
 
 bool write_file(const std::string& path, const std::string& bytes) {
-  std::ofstream out(path, std::ios::binary | std::ios::trunc);
-  out.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
-  out.close();
-  return static_cast<bool>(out);
+  orvia::FileWriter out;
+  return out.open(path).ok() && out.write(bytes) && out.close().ok();
 }
 
 // Writes the archive to a file as the import hands it over; the file is made with the first piece, so a
@@ -55,28 +51,15 @@ bool write_file(const std::string& path, const std::string& bytes) {
 class FileSink final : public orvia::bplist::Builder::Sink {
  public:
   explicit FileSink(std::string path) : path_(std::move(path)) {}
-  ~FileSink() override {
-    if (fd_ >= 0) ::close(fd_);
-  }
   bool put(std::string_view piece) override {
-    if (fd_ < 0) fd_ = ::open(path_.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-    if (fd_ < 0) return false;
-    while (!piece.empty()) {
-      ssize_t n = ::write(fd_, piece.data(), piece.size());
-      if (n < 0 && errno == EINTR) continue;
-      if (n <= 0) return false;
-      piece.remove_prefix(static_cast<std::size_t>(n));
-    }
-    return true;
+    if (!file_.is_open() && !file_.open(path_).ok()) return false;
+    return file_.write(piece);
   }
-  bool close() {
-    if (fd_ < 0) return true;
-    return ::close(std::exchange(fd_, -1)) == 0;
-  }
+  bool close() { return !file_.is_open() || file_.close().ok(); }
 
  private:
   std::string path_;
-  int fd_ = -1;
+  orvia::FileWriter file_;
 };
 
 }  // namespace

@@ -9,9 +9,10 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdint>
-#include <cstdlib>
 #include <cstring>
-#include <memory>
+#include <optional>
+
+#include "platform/file_writer.h"
 
 namespace orvia::service {
 namespace {
@@ -81,11 +82,7 @@ namespace {
 
 // Below this size a copy through the page cache is as quick as one straight to the disk.
 constexpr off_t kDirectCopyMin = off_t{1} << 20;
-// Offsets and lengths of direct writes are multiples of this: a page, which covers the logical block
-// size of the usual devices (one that needs more refuses the first write, and the copy goes through the
-// page cache instead).
-constexpr std::size_t kDirectAlign = 4096;
-constexpr std::size_t kDirectChunk = std::size_t{16} << 20;
+constexpr std::size_t kWindow = std::size_t{16} << 20;
 
 struct Mapping {
   void* at = MAP_FAILED;
@@ -95,75 +92,28 @@ struct Mapping {
   }
 };
 
-enum class DirectCopy { Done, NotHere, Failed };
-
-// Writes a memory file sealed against shrinking straight from its pages to the disk (O_DIRECT), so the
-// copy takes no page cache of its own: a copy through the cache needs as much fresh memory again as the
-// archive, and fresh memory is what a large copy spends its time on (on a virtual machine, each new page
-// may have to be backed by the host first). NotHere when the file system or the device does not take
-// direct writes of this alignment, having written nothing that a later copy does not replace.
-DirectCopy copy_direct(int fd, off_t size, const std::string& path, Error& error) {
+// Copies a memory file sealed against shrinking (so its mapping cannot fault) through a file writer,
+// which takes its pages straight to the disk where it can: a window of it mapped at a time, so the copy
+// never holds more than a window's pages. Nothing when the source cannot be mapped, before anything is
+// written.
+std::optional<Result<bool>> copy_mapped(int fd, std::size_t size, const std::string& path) {
   const int seals = ::fcntl(fd, F_GET_SEALS);
-  if (seals < 0 || !(seals & F_SEAL_SHRINK)) return DirectCopy::NotHere;  // a shrinking file would fault its mapping
-  UniqueFd out(::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_DIRECT, 0644));
-  if (!out) {
-    if (errno == EINVAL) return DirectCopy::NotHere;
-    error = errno_error("open");
-    return DirectCopy::Failed;
-  }
-  const std::size_t total = static_cast<std::size_t>(size);
-  const std::size_t whole = total / kDirectAlign * kDirectAlign;
-  auto write_at = [&](const char* from, std::size_t length, std::size_t offset) {
-    while (length > 0) {
-      ssize_t n = ::pwrite(out.get(), from, length, static_cast<off_t>(offset));
-      if (n < 0 && errno == EINTR) continue;
-      if (n <= 0 || static_cast<std::size_t>(n) % kDirectAlign != 0) {
-        if (n < 0 && errno == EINVAL) return DirectCopy::NotHere;
-        error = n < 0 ? errno_error("write") : Error{"short write"};
-        return DirectCopy::Failed;
-      }
-      from += n;
-      offset += static_cast<std::size_t>(n);
-      length -= static_cast<std::size_t>(n);
+  if (seals < 0 || !(seals & F_SEAL_SHRINK)) return std::nullopt;
+  FileWriter out;
+  for (std::size_t offset = 0; offset < size; offset += kWindow) {
+    Mapping window;
+    window.size = std::min(kWindow, size - offset);
+    window.at = ::mmap(nullptr, window.size, PROT_READ, MAP_SHARED, fd, static_cast<off_t>(offset));
+    if (window.at == MAP_FAILED) {
+      if (offset == 0) return std::nullopt;
+      return errno_error("mmap");
     }
-    return DirectCopy::Done;
-  };
-  // One window of the source mapped at a time, so the copy never holds more than a window's pages.
-  auto window = [&](std::size_t offset, std::size_t length, Mapping& mapping) {
-    mapping.size = length;
-    mapping.at = ::mmap(nullptr, length, PROT_READ, MAP_SHARED, fd, static_cast<off_t>(offset));
-    return mapping.at != MAP_FAILED;
-  };
-  for (std::size_t offset = 0; offset < whole; offset += kDirectChunk) {
-    const std::size_t length = std::min(kDirectChunk, whole - offset);
-    Mapping source;
-    if (!window(offset, length, source)) return DirectCopy::NotHere;
-    const DirectCopy step = write_at(static_cast<const char*>(source.at), length, offset);
-    if (step != DirectCopy::Done) return step;
-  }
-  if (whole < total) {  // the last partial block, padded, then cut back to the file's size
-    Mapping source;
-    if (!window(whole, total - whole, source)) return DirectCopy::NotHere;
-    std::unique_ptr<char, decltype(&std::free)> block(static_cast<char*>(std::aligned_alloc(kDirectAlign, kDirectAlign)),
-                                                      &std::free);
-    if (!block) {
-      error = Error{"out of memory"};
-      return DirectCopy::Failed;
+    if (offset == 0) {
+      if (auto opened = out.open(path); !opened.ok()) return opened;
     }
-    std::memset(block.get(), 0, kDirectAlign);
-    std::memcpy(block.get(), source.at, total - whole);
-    const DirectCopy step = write_at(block.get(), kDirectAlign, whole);
-    if (step != DirectCopy::Done) return step;
-    if (::ftruncate(out.get(), size) != 0) {
-      error = errno_error("ftruncate");
-      return DirectCopy::Failed;
-    }
+    if (!out.write(std::string_view(static_cast<const char*>(window.at), window.size))) return Error{out.error()};
   }
-  if (::close(out.release()) != 0) {
-    error = errno_error("close");
-    return DirectCopy::Failed;
-  }
-  return DirectCopy::Done;
+  return out.close();
 }
 
 }  // namespace
@@ -172,12 +122,7 @@ Result<bool> copy_whole_fd_to_file(int fd, const std::string& path) {
   struct stat st {};
   if (::fstat(fd, &st) != 0) return errno_error("fstat");
   if (S_ISREG(st.st_mode) && st.st_size >= kDirectCopyMin) {
-    Error error;
-    switch (copy_direct(fd, st.st_size, path, error)) {
-      case DirectCopy::Done: return true;
-      case DirectCopy::Failed: return error;
-      case DirectCopy::NotHere: break;  // through the page cache, below
-    }
+    if (auto copied = copy_mapped(fd, static_cast<std::size_t>(st.st_size), path)) return *copied;
   }
   UniqueFd out(::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
   if (!out) return errno_error("open");

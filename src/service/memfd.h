@@ -59,8 +59,9 @@ class MemfdSink final : public bplist::Builder::Sink {
   std::string error_;
 };
 
-// Copies the whole contents of a regular or memory file into the file at `path` (made or emptied) inside
-// the kernel where it can; the source's file position is untouched.
+// Copies the whole contents of a regular or memory file into the file at `path` (made or emptied): a large
+// sealed memory file straight from its pages to the disk where the file system takes it (see
+// FileWriter), anything else inside the kernel where it can. The source's file position is untouched.
 Result<bool> copy_whole_fd_to_file(int fd, const std::string& path);
 
 // The whole contents of a file descriptor: a regular or memory file is read by its size with

@@ -1,0 +1,94 @@
+#include "platform/file_writer.h"
+
+#include <gtest/gtest.h>
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <filesystem>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "support/support.h"
+
+namespace orvia {
+namespace {
+
+constexpr std::size_t kMiB = std::size_t{1} << 20;
+
+// Bytes that differ from block to block, so a block written twice or at the wrong offset shows.
+std::string pattern(std::size_t size) {
+  std::string s(size, '\0');
+  for (std::size_t i = 0; i < size; ++i) s[i] = static_cast<char>((i * 131 + i / 4096) & 0xff);
+  return s;
+}
+
+struct Case {
+  const char* name;
+  std::vector<std::size_t> pieces;  // sizes, handed over in this order
+  bool page_aligned;                // whether each piece starts on a page of its own (else one byte in)
+  bool direct;
+};
+
+// Every way pieces can meet the staging buffer: none, small ones, ones spanning several stagings, page
+// aligned ones that go out from the caller's memory (whole, or after staged bytes), and a file end in
+// the middle of a block, which a direct write pads and cuts back.
+TEST(FileWriter, WritesExactlyTheBytesHandedOverWhateverTheirSizesAndAlignment) {
+  const std::vector<Case> cases = {
+      {"nothing", {}, false, true},
+      {"one small piece", {100}, false, true},
+      {"unaligned pieces over three stagings", {5 * kMiB + 3, 7 * kMiB, 1, 4 * kMiB + 12345}, false, true},
+      {"aligned pieces from the caller's pages", {3 * kMiB, 4096 * 5, 10 * kMiB + 17}, true, true},
+      {"aligned piece after staged bytes", {10, 2 * kMiB, 4095, 9 * kMiB}, true, true},
+      {"a whole number of blocks", {4096, 8 * kMiB}, true, true},
+      {"through the page cache", {5 * kMiB + 3, 1, 4 * kMiB + 12345}, false, false},
+  };
+  test::TempDir dir;
+  const std::string path = (dir / "out").string();
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    test::write_file(path, std::string(20 * kMiB, 'x'));  // longer than any case: emptied first
+    std::string expected;
+    FileWriter out;
+    ASSERT_TRUE(out.open(path, c.direct).ok()) << out.error();
+    for (std::size_t size : c.pieces) {
+      const std::string bytes = pattern(expected.size() + size).substr(expected.size());
+      // A page-aligned copy of the piece, or one starting a byte into a page.
+      std::unique_ptr<char, decltype(&std::free)> block(
+          static_cast<char*>(std::aligned_alloc(FileWriter::kAlign, (size + 1 + FileWriter::kAlign) / FileWriter::kAlign * FileWriter::kAlign)),
+          &std::free);
+      char* at = block.get() + (c.page_aligned ? 0 : 1);
+      std::copy(bytes.begin(), bytes.end(), at);
+      ASSERT_TRUE(out.write(std::string_view(at, size))) << out.error();
+      expected += bytes;
+    }
+    auto closed = out.close();
+    ASSERT_TRUE(closed.ok()) << closed.error().message;
+    EXPECT_EQ(std::filesystem::file_size(path), expected.size());
+    EXPECT_TRUE(test::read_file(path) == expected);
+  }
+}
+
+TEST(FileWriter, WritesToAMemoryFileSystemAndReportsFailures) {
+  // Older kernels refuse direct I/O on a memory file system: the same bytes then go through the page cache.
+  if (std::filesystem::is_directory("/dev/shm")) {
+    const std::string path = "/dev/shm/orvia-file-writer-test-" + std::to_string(::getpid());
+    const std::string bytes = pattern(3 * kMiB + 5);
+    FileWriter out;
+    ASSERT_TRUE(out.open(path).ok()) << out.error();
+    EXPECT_TRUE(out.write(bytes));
+    EXPECT_TRUE(out.close().ok());
+    EXPECT_TRUE(test::read_file(path) == bytes);
+    std::filesystem::remove(path);
+  }
+  test::TempDir dir;
+  FileWriter missing;
+  EXPECT_FALSE(missing.open((dir / "no" / "such" / "folder").string()).ok());
+  EXPECT_FALSE(missing.write("bytes"));
+  EXPECT_FALSE(missing.close().ok());
+}
+
+}  // namespace
+}  // namespace orvia
