@@ -7,9 +7,11 @@
 //   export                  the folder tree exports of every account and of the shared albums model,
 //                           with blocked users, account records and statistics nodes; album nodes get
 //                           their media lists, which are read only when archived
-//   archive writing         archive_root of the results: the reply's bytes. Album media are read from the
-//                           store, decoded and converted on a worker meanwhile, so this stage's CPU time
-//                           is both threads'; archive-writing-main is the archiving thread's alone
+//   archive writing         archive_root_to of the results: the reply's bytes, written to the archive file
+//                           as the command writes its file (only counted without one). Album media are
+//                           read from the store, decoded and converted on a worker meanwhile, so this
+//                           stage's CPU time is both threads'; archive-writing-main is the archiving
+//                           thread's alone
 //   teardown                releasing the request's objects (the request's heap ends)
 //
 // After the import, passes of their own over every album's media, on one thread:
@@ -29,7 +31,6 @@
 #include <chrono>
 #include <cstdio>
 #include <cstring>
-#include <fstream>
 #include <map>
 #include <memory>
 #include <optional>
@@ -44,6 +45,7 @@
 #include "nodes/folder_export.h"
 #include "nodes/importer_context.h"
 #include "outline/outline_folder_model.h"
+#include "platform/file_writer.h"
 #include "platform/keyed_archive.h"
 #include "platform/log.h"
 #include "platform/queue.h"
@@ -115,10 +117,31 @@ constexpr const char* kMedia = "media-conversion";
 constexpr const char* kMediaDecode = "media-decode";
 constexpr const char* kTeardown = "teardown";
 
+// Where the reply's bytes go as they are written: the archive file, through the writer the command
+// uses, or nowhere (only counted) without one.
+class ReplySink final : public bplist::Builder::Sink {
+ public:
+  explicit ReplySink(std::string path) : path_(std::move(path)) {}
+  bool put(std::string_view piece) override {
+    bytes += piece.size();
+    if (path_.empty()) return true;
+    if (!file_.is_open() && !file_.open(path_).ok()) return false;
+    return file_.write(piece);
+  }
+  bool close() { return !file_.is_open() || file_.close().ok(); }
+  std::string error() const { return file_.error(); }
+  std::uint64_t bytes = 0;
+
+ private:
+  std::string path_;
+  FileWriter file_;
+};
+
 struct RunOutcome {
   bool ok = false;
   std::string error;
-  std::string archive;
+  std::string archive_out;  // the file the reply goes to; none: only counted
+  std::uint64_t archive_bytes = 0;
   std::size_t accounts = 0, results = 0, albums = 0, media = 0, media_bytes = 0;
 };
 
@@ -184,8 +207,14 @@ void continue_import(Stages& stages, const Ref<MQUserDefaultsWrapper>& defaults,
     {
       const double main_cpu = thread_cpu_now();
       Stages::Interval t(stages, kArchive);
-      out.archive = archive_root(make<Array>(results->items(), false).get());
+      ReplySink sink(out.archive_out);
+      const bool written = archive_root_to(make<Array>(results->items(), false).get(), sink) && sink.close();
+      out.archive_bytes = sink.bytes;
       stages.get(kArchiveMain).cpu += thread_cpu_now() - main_cpu;
+      if (!written) {
+        out.error = "cannot write the archive to " + out.archive_out + ": " + sink.error();
+        return;
+      }
     }
     out.ok = true;
     teardown.emplace(stages, kTeardown);
@@ -240,6 +269,7 @@ int run(const std::string& home, const std::string& archive_out) {
   register_outline_classes();
   Stages stages;
   RunOutcome out;
+  out.archive_out = archive_out;
   const double start_wall = wall_now(), start_cpu = cpu_now();
 
   Ref<MQUserDefaultsWrapper> defaults;
@@ -278,20 +308,12 @@ int run(const std::string& home, const std::string& archive_out) {
     std::fprintf(stderr, "import_stages: %s\n", out.error.c_str());
     return 1;
   }
-  if (!archive_out.empty()) {
-    std::ofstream file(archive_out, std::ios::binary | std::ios::trunc);
-    file.write(out.archive.data(), static_cast<std::streamsize>(out.archive.size()));
-    if (!file.flush()) {
-      std::fprintf(stderr, "import_stages: cannot write %s\n", archive_out.c_str());
-      return 1;
-    }
-  }
   media_passes(stages, store, out);
   for (const auto& [name, t] : stages.all()) std::printf("stage %s %.6f %.6f\n", name.c_str(), t.wall, t.cpu);
   std::printf("stage total %.6f %.6f\n", total_wall, total_cpu);
   std::printf("info accounts %zu\ninfo results %zu\ninfo albums %zu\ninfo media %zu\ninfo media_bytes %zu\n",
               out.accounts, out.results, out.albums, out.media, out.media_bytes);
-  std::printf("info archive_bytes %zu\n", out.archive.size());
+  std::printf("info archive_bytes %llu\n", static_cast<unsigned long long>(out.archive_bytes));
   return 0;
 }
 

@@ -1,0 +1,78 @@
+// Media records as the old client stored them (keyed archives of its dictionaries, made by the sample
+// generator for the heavy profile), converted to the newer form: the conversion is the largest single
+// share of an import's work, run once per stored record.
+//
+//   media_conversion_bench       the Google Benchmark table (records per second)
+#include <benchmark/benchmark.h>
+
+#include <algorithm>
+#include <span>
+#include <string>
+#include <vector>
+
+#include "legacy/media_conversion.h"
+#include "platform/keyed_archive.h"
+#include "platform/object.h"
+#include "tools/sample_plan.h"
+
+namespace orvia {
+namespace {
+
+const std::vector<std::string>& records() {
+  static const std::vector<std::string> made = [] {
+    tools::SampleOptions options;
+    options.profile = tools::Profile::Heavy;
+    options.scale = 0.05;
+    const tools::Plan plan = tools::make_plan(options);
+    std::vector<std::string> out;
+    for (const tools::MediaPlan& item : plan.media) {
+      Heap heap;
+      HeapScope scope(heap);
+      out.push_back(archive_root(tools::media_record(plan, item).get()));
+    }
+    return out;
+  }();
+  return made;
+}
+
+// The graph of each record's conversion, read through the lookup (what the import does for every
+// well-formed record).
+// Argument: how many records are converted in turn (a few hundred stay in the cache, as the import's
+// window of records just read does; all of them do not).
+void BM_ConvertByLookup(benchmark::State& state) {
+  const std::span<const std::string> in(records().data(), std::min<std::size_t>(records().size(), state.range(0)));
+  FlatGraph graph;
+  FlatGraph::Node root;
+  std::size_t bytes = 0;
+  for (auto _ : state) {
+    for (const std::string& r : in) {
+      benchmark::DoNotOptimize(convertedGraphByLookup(r, graph, root));
+      bytes += r.size();
+    }
+  }
+  state.SetItemsProcessed(static_cast<std::int64_t>(state.iterations() * in.size()));
+  state.SetBytesProcessed(static_cast<std::int64_t>(bytes));
+}
+
+// The same records decoded whole and converted from their objects (what a record the lookup cannot
+// read takes).
+void BM_ConvertDecodedWhole(benchmark::State& state) {
+  const std::span<const std::string> in(records().data(), std::min<std::size_t>(records().size(), state.range(0)));
+  for (auto _ : state) {
+    for (const std::string& r : in) {
+      Heap heap;
+      HeapScope scope(heap);
+      auto decoded = decode_media_record(r);
+      if (decoded.ok()) benchmark::DoNotOptimize(convertedDictionary(decoded.value().get()));
+    }
+  }
+  state.SetItemsProcessed(static_cast<std::int64_t>(state.iterations() * in.size()));
+}
+
+BENCHMARK(BM_ConvertByLookup)->Arg(256)->Arg(1 << 20)->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_ConvertDecodedWhole)->Arg(256)->Arg(1 << 20)->Unit(benchmark::kMicrosecond);
+
+}  // namespace
+}  // namespace orvia
+
+BENCHMARK_MAIN();
