@@ -7,11 +7,13 @@
 #include <cstring>
 #include <deque>
 #include <mutex>
+#include <system_error>
 
 #include <fmt/format.h>
 #include <plist/plist.h>
 
 #include "platform/bplist_format.h"
+#include "platform/queue.h"
 #include "platform/xml_nesting.h"
 
 namespace orvia {
@@ -196,6 +198,12 @@ class Archiver final : public KeyedEncoder {
   bool run_to(const Object* root, std::string_view top_key, bplist::Builder::Sink& sink) {
     const std::uint32_t top = build(root, top_key);
     return b_.write_to(top, sink);
+  }
+  // The builder's memory (all but a little of an archiver's) given back on `release`'s thread: it holds
+  // bytes only, no objects, so it may go while the caller frees what it archived.
+  void release_builder(BackgroundRelease& release) {
+    auto builder = std::make_shared<bplist::Builder>(std::move(b_));
+    release.start([builder]() mutable { builder.reset(); });
   }
 
   // Adds every object of the archive to the builder; the top object's index.
@@ -1678,7 +1686,26 @@ std::string archive_root(const Object* root, const ArchiveOptions& options) {
 
 bool archive_root_to(const Object* root, bplist::Builder::Sink& sink, const ArchiveOptions& options) {
   Archiver archiver;
-  return archiver.run_to(root, options.top_key, sink);
+  const bool written = archiver.run_to(root, options.top_key, sink);
+  if (options.release) archiver.release_builder(*options.release);
+  return written;
+}
+
+void BackgroundRelease::start(std::function<void()> release) {
+  join();
+  auto task = std::make_shared<std::function<void()>>(std::move(release));
+  try {
+    thread_ = std::thread([task] {
+      name_this_thread("orvia-release");
+      (*task)();
+    });
+  } catch (const std::system_error&) {  // no thread to be had: given back here
+    (*task)();
+  }
+}
+
+void BackgroundRelease::join() {
+  if (thread_.joinable()) thread_.join();
 }
 
 namespace {

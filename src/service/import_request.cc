@@ -63,11 +63,15 @@ namespace {
 ImportOutcome run_direct(const std::string& home, bplist::Builder::Sink* sink, bool* written) {
   auto outcome = std::make_shared<ImportOutcome>();
   auto done = std::make_shared<std::atomic<bool>>(false);
-  auto completion = [outcome, done, sink, written](bool success, Ref<Array> results) {
+  // The archiver's memory goes back on a thread of its own while this run frees its objects.
+  auto release = std::make_shared<BackgroundRelease>();
+  auto completion = [outcome, done, sink, written, release](bool success, Ref<Array> results) {
     if (done->load()) return;
     outcome->success = success;
     if (success && sink) {
-      *written = archive_root_to(results.get(), *sink);
+      ArchiveOptions options;
+      options.release = release.get();
+      *written = archive_root_to(results.get(), *sink, options);
     } else if (success) {
       outcome->archive = archive_root(results.get());
     }
@@ -79,6 +83,7 @@ ImportOutcome run_direct(const std::string& home, bplist::Builder::Sink* sink, b
   }
   // This thread serves the main queue until the run has answered.
   while (!done->load()) MainQueue::shared().drain(std::chrono::milliseconds(20));
+  release->join();
   return std::move(*outcome);
 }
 
