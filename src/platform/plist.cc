@@ -57,8 +57,16 @@ Ref<Object> scalar_object(const bplist::View& view, const Item& it) {
       return Number::from_real(view.real(it));
     case Type::Date:
       return make<Date>(view.real(it));
-    case Type::Data:
-      return make<Data>(std::string(view.raw(it)));
+    case Type::Data: {
+      const std::string_view raw = view.raw(it);
+      std::string bytes;
+      if (raw.size() >= kPrefaultMinimum) {  // a large block (a sidebar's archive) made resident in one call
+        bytes.reserve(raw.size());
+        prefault(bytes.data(), raw.size());
+      }
+      bytes.append(raw);
+      return make<Data>(std::move(bytes));
+    }
     case Type::AsciiString:
     case Type::Utf16String:
     case Type::Utf8String:
