@@ -17,7 +17,7 @@
 namespace orvia {
 namespace {
 
-constexpr std::size_t kStage = std::size_t{8} << 20;
+constexpr std::size_t kStage = std::size_t{1} << 20;
 
 bool is_aligned(const void* p) { return reinterpret_cast<std::uintptr_t>(p) % FileWriter::kAlign == 0; }
 
