@@ -1,6 +1,7 @@
 #include "platform/file_writer.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -32,6 +33,7 @@ using Block = std::unique_ptr<char, FreeBlock>;
 struct FileWriter::State {
   int fd = -1;
   std::atomic<bool> direct = false;  // the thread may turn it off
+  bool positioned = true;            // a regular file, written at offsets (else a pipe or a device)
   Block stage[2];
   int filling = 0;            // the buffer the caller fills
   std::size_t staged = 0;     // bytes in it
@@ -68,7 +70,7 @@ struct FileWriter::State {
   // alignment needs more, say) is made again through the page cache, as is everything after it.
   std::string write_at(const char* bytes, std::size_t length, std::uint64_t offset) {
     while (length > 0) {
-      ssize_t n = ::pwrite(fd, bytes, length, static_cast<off_t>(offset));
+      ssize_t n = positioned ? ::pwrite(fd, bytes, length, static_cast<off_t>(offset)) : ::write(fd, bytes, length);
       if (n < 0 && errno == EINTR) continue;
       const bool refused = n < 0 && errno == EINVAL;
       if (n < 0 && !(refused && direct)) return failure("write");
@@ -159,6 +161,15 @@ Result<bool> FileWriter::open(const std::string& path, bool direct) {
   if (s.fd < 0) {
     s.error = s.failure("open");
     return Error{s.error};
+  }
+  struct stat st {};
+  s.positioned = ::fstat(s.fd, &st) == 0 && S_ISREG(st.st_mode);
+  if (s.direct && !s.positioned) {
+    // A pipe or a device (/dev/stdout, say) takes its bytes in order, as they come: direct I/O would
+    // make a pipe cut them into packets, and a padded last block could not be cut back.
+    const int flags = ::fcntl(s.fd, F_GETFL);
+    if (flags >= 0) ::fcntl(s.fd, F_SETFL, flags & ~O_DIRECT);
+    s.direct = false;
   }
   for (Block& b : s.stage) {
     b.reset(static_cast<char*>(std::aligned_alloc(kAlign, kStage)));

@@ -24,7 +24,8 @@ class FileWriter {
   FileWriter& operator=(const FileWriter&) = delete;
   ~FileWriter();
 
-  // Makes the file at `path` (or empties it). `direct`: false writes through the page cache only.
+  // Makes the file at `path` (or empties it). `direct`: false writes through the page cache only, as
+  // does a path that names a pipe or a device (/dev/stdout), whose bytes go out in order.
   Result<bool> open(const std::string& path, bool direct = true);
   bool is_open() const;
   // Appends the bytes; false once a write is known to have failed (error() says why). A full staging buffer is

@@ -9,6 +9,7 @@
 #include <filesystem>
 #include <memory>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "support/support.h"
@@ -71,7 +72,7 @@ TEST(FileWriter, WritesExactlyTheBytesHandedOverWhateverTheirSizesAndAlignment) 
   }
 }
 
-TEST(FileWriter, WritesToAMemoryFileSystemAndReportsFailures) {
+TEST(FileWriter, WritesToAMemoryFileSystemAndAPipeAndReportsFailures) {
   // Older kernels refuse direct I/O on a memory file system: the same bytes then go through the page cache.
   if (std::filesystem::is_directory("/dev/shm")) {
     const std::string path = "/dev/shm/orvia-file-writer-test-" + std::to_string(::getpid());
@@ -83,6 +84,27 @@ TEST(FileWriter, WritesToAMemoryFileSystemAndReportsFailures) {
     EXPECT_TRUE(test::read_file(path) == bytes);
     std::filesystem::remove(path);
   }
+  // A pipe (as /dev/stdout may be) gets the bytes as they are, without padding.
+  int fds[2];
+  ASSERT_EQ(::pipe(fds), 0);
+  const std::string bytes = pattern(3 * kMiB + 5);
+  std::string received;
+  std::thread reader([&] {
+    char buf[65536];
+    for (ssize_t n; (n = ::read(fds[0], buf, sizeof buf)) > 0;) received.append(buf, static_cast<std::size_t>(n));
+  });
+  {
+    FileWriter out;
+    EXPECT_TRUE(out.open("/proc/self/fd/" + std::to_string(fds[1])).ok()) << out.error();
+    ::close(fds[1]);
+    EXPECT_TRUE(out.write(bytes));
+    auto closed = out.close();
+    EXPECT_TRUE(closed.ok()) << closed.error().message;
+  }
+  reader.join();
+  ::close(fds[0]);
+  EXPECT_TRUE(received == bytes);
+
   test::TempDir dir;
   FileWriter missing;
   EXPECT_FALSE(missing.open((dir / "no" / "such" / "folder").string()).ok());
