@@ -12,6 +12,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <mutex>
+#include <system_error>
 #include <thread>
 #include <utility>
 
@@ -44,6 +45,7 @@ struct FileWriter::State {
   std::thread thread;
   bool busy = false;  // the thread has a buffer to write
   bool quit = false;
+  bool threadless = false;  // no thread could be started: every write is made by the caller
   const char* job = nullptr;
   std::size_t job_length = 0;
   std::uint64_t job_offset = 0;
@@ -108,9 +110,21 @@ struct FileWriter::State {
     return error.empty();
   }
 
-  // Hands the filled buffer to the thread and goes on filling the other one.
+  // Hands the filled buffer to the thread and goes on filling the other one (writes it here when no
+  // thread can be had).
   bool hand_over() {
-    if (!thread.joinable()) thread = std::thread([this] { run(); });
+    if (!thread.joinable() && !threadless) {
+      try {
+        thread = std::thread([this] { run(); });
+      } catch (const std::system_error&) {
+        threadless = true;
+      }
+    }
+    if (threadless) {
+      if (!write_now(stage[filling].get(), staged)) return false;
+      staged = 0;
+      return true;
+    }
     std::unique_lock lock(mutex);
     if (!idle(lock)) return false;
     job = stage[filling].get();
