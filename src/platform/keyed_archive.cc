@@ -205,6 +205,8 @@ class Archiver final : public KeyedEncoder {
     auto builder = std::make_shared<bplist::Builder>(std::move(b_));
     release.start([builder]() mutable { builder.reset(); });
   }
+  // The builder, which holds bytes only (all but a little of an archiver's memory), taken away.
+  std::unique_ptr<bplist::Builder> take_builder() { return std::make_unique<bplist::Builder>(std::move(b_)); }
 
   // Adds every object of the archive to the builder; the top object's index.
   std::uint32_t build(const Object* root, std::string_view top_key) {
@@ -1689,6 +1691,20 @@ bool archive_root_to(const Object* root, bplist::Builder::Sink& sink, const Arch
   const bool written = archiver.run_to(root, options.top_key, sink);
   if (options.release) archiver.release_builder(*options.release);
   return written;
+}
+
+BuiltArchive::BuiltArchive(std::unique_ptr<bplist::Builder> builder, std::uint32_t top)
+    : builder_(std::move(builder)), top_(top) {}
+BuiltArchive::BuiltArchive(BuiltArchive&&) noexcept = default;
+BuiltArchive& BuiltArchive::operator=(BuiltArchive&&) noexcept = default;
+BuiltArchive::~BuiltArchive() = default;
+
+bool BuiltArchive::write_to(bplist::Builder::Sink& sink) const { return builder_ && builder_->write_to(top_, sink); }
+
+BuiltArchive build_archive(const Object* root, const ArchiveOptions& options) {
+  Archiver archiver;
+  const std::uint32_t top = archiver.build(root, options.top_key);
+  return BuiltArchive(archiver.take_builder(), top);
 }
 
 void BackgroundRelease::start(std::function<void()> release) {

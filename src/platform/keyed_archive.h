@@ -172,6 +172,27 @@ inline std::string archive_root(const Ref<Object>& root) { return archive_root(r
 // held in memory whole. False when the sink refused a piece.
 bool archive_root_to(const Object* root, bplist::Builder::Sink& sink, const ArchiveOptions& options = {});
 
+// An archive whose every object has been added to a property-list builder, its bytes not yet written.
+// It holds bytes only, no objects: the objects it was made from may be freed before or while it is
+// written, on another thread.
+class BuiltArchive {
+ public:
+  BuiltArchive(BuiltArchive&&) noexcept;
+  BuiltArchive& operator=(BuiltArchive&&) noexcept;
+  ~BuiltArchive();
+  // The bytes archive_root_to would hand on, handed to `sink`; false when the sink refused a piece.
+  bool write_to(bplist::Builder::Sink& sink) const;
+
+ private:
+  friend BuiltArchive build_archive(const Object* root, const ArchiveOptions& options);
+  BuiltArchive(std::unique_ptr<bplist::Builder> builder, std::uint32_t top);
+  std::unique_ptr<bplist::Builder> builder_;
+  std::uint32_t top_ = 0;
+};
+
+// archive_root_to's first half: every object reachable from `root` added to a builder.
+BuiltArchive build_archive(const Object* root, const ArchiveOptions& options = {});
+
 // unarchiveObjectWithData: the root object (nil for an archive of nil), or an error for bytes that are
 // not a well-formed keyed archive. Accepts binary and XML property lists.
 Result<Ref<Object>> unarchive(std::string_view bytes, const ClassRegistry& registry = ClassRegistry::shared());

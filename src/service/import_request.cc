@@ -3,6 +3,9 @@
 #include <atomic>
 #include <chrono>
 #include <memory>
+#include <string>
+#include <system_error>
+#include <thread>
 
 #include "platform/keyed_archive.h"
 #include "platform/log.h"
@@ -63,15 +66,30 @@ namespace {
 ImportOutcome run_direct(const std::string& home, bplist::Builder::Sink* sink, bool* written) {
   auto outcome = std::make_shared<ImportOutcome>();
   auto done = std::make_shared<std::atomic<bool>>(false);
-  // The archiver's memory goes back on a thread of its own while this run frees its objects.
-  auto release = std::make_shared<BackgroundRelease>();
-  auto completion = [outcome, done, sink, written, release](bool success, Ref<Array> results) {
+  // The archive's bytes are written on a thread of their own while the run frees its objects (the
+  // built archive holds bytes only); the archiver's memory goes back on that thread once written.
+  auto writing = std::make_shared<std::thread>();
+  auto completion = [outcome, done, sink, written, writing](bool success, Ref<Array> results) {
     if (done->load()) return;
     outcome->success = success;
     if (success && sink) {
-      ArchiveOptions options;
-      options.release = release.get();
-      *written = archive_root_to(results.get(), *sink, options);
+      auto built = std::make_shared<BuiltArchive>(build_archive(results.get()));
+      auto write = [built, sink, written] {
+        try {
+          *written = built->write_to(*sink);
+        } catch (const std::exception& e) {  // out of memory, say
+          NSLog("cannot write the archive: %@", std::string(e.what()));
+          *written = false;
+        }
+      };
+      try {
+        *writing = std::thread([write] {
+          name_this_thread("orvia-write");
+          write();
+        });
+      } catch (const std::system_error&) {  // no thread to be had: written here
+        write();
+      }
     } else if (success) {
       outcome->archive = archive_root(results.get());
     }
@@ -81,9 +99,9 @@ ImportOutcome run_direct(const std::string& home, bplist::Builder::Sink* sink, b
     Ref<MQOrvia4Importer> importer = home.empty() ? MQOrvia4Importer::init() : MQOrvia4Importer::initWithHome(home);
     importer->importDataWithCompletion(completion);
   }
-  // This thread serves the main queue until the run has answered.
+  // This thread serves the main queue until the run has answered and freed what it made.
   while (!done->load()) MainQueue::shared().drain(std::chrono::milliseconds(20));
-  release->join();
+  if (writing->joinable()) writing->join();
   return std::move(*outcome);
 }
 
