@@ -362,16 +362,14 @@ double View::real(const Item& it) const { return bits_to_double(it.scalar); }
 Builder::Builder() = default;
 
 std::uint32_t Builder::Objects::push(const Obj& o) {
-  if ((size_ >> kShift) == blocks_.size()) {
-    blocks_.push_back(std::make_unique_for_overwrite<Obj[]>(kMask + 1));
-    prefault(blocks_.back().get(), (kMask + 1) * sizeof(Obj));
-  }
+  static_assert((kMask + 1) * sizeof(Obj) == kResidentBlock);
+  if ((size_ >> kShift) == blocks_.size()) blocks_.push_back(resident_block());
   (*this)[size_] = o;
   return static_cast<std::uint32_t>(size_++);
 }
 
 char* Builder::Arena::allocate(std::size_t size, std::size_t align) {
-  constexpr std::size_t kBlock = 1 << 20;
+  constexpr std::size_t kBlock = kResidentBlock;
   if (size > kBlock / 4) {  // a block of its own; the current block stays open
     large_.push_back(std::make_unique_for_overwrite<char[]>(size));
     prefault(large_.back().get(), size);
@@ -379,9 +377,8 @@ char* Builder::Arena::allocate(std::size_t size, std::size_t align) {
   }
   std::size_t pad = next_ ? (align - reinterpret_cast<std::uintptr_t>(next_) % align) % align : 0;
   if (!next_ || pad + size > left_) {
-    blocks_.push_back(std::make_unique_for_overwrite<char[]>(kBlock));
-    prefault(blocks_.back().get(), kBlock);
-    next_ = blocks_.back().get();
+    blocks_.push_back(resident_block());
+    next_ = reinterpret_cast<char*>(blocks_.back().get());
     left_ = kBlock;
     pad = 0;
   }

@@ -307,15 +307,17 @@ class Builder {
   // Objects in blocks that never move: no copying as it grows, and no room held beyond one block.
   class Objects {
    public:
-    Obj& operator[](std::size_t i) { return blocks_[i >> kShift][i & kMask]; }
-    const Obj& operator[](std::size_t i) const { return blocks_[i >> kShift][i & kMask]; }
+    Obj& operator[](std::size_t i) { return reinterpret_cast<Obj*>(blocks_[i >> kShift].get())[i & kMask]; }
+    const Obj& operator[](std::size_t i) const {
+      return reinterpret_cast<const Obj*>(blocks_[i >> kShift].get())[i & kMask];
+    }
     std::size_t size() const { return size_; }
     std::uint32_t push(const Obj& o);
 
    private:
     static constexpr unsigned kShift = 16;
     static constexpr std::size_t kMask = (std::size_t{1} << kShift) - 1;
-    std::vector<std::unique_ptr<Obj[]>> blocks_;
+    std::vector<ResidentBlock> blocks_;  // one resident block per (kMask + 1) objects
     std::size_t size_ = 0;
   };
   // Owns the bytes of strings and data and the references of containers (large blocks, never moved).
@@ -325,7 +327,8 @@ class Builder {
     std::string_view copy(std::string_view bytes);
 
    private:
-    std::vector<std::unique_ptr<char[]>> blocks_, large_;
+    std::vector<ResidentBlock> blocks_;
+    std::vector<std::unique_ptr<char[]>> large_;
     char* next_ = nullptr;
     std::size_t left_ = 0;
   };

@@ -36,3 +36,30 @@ struct PrefaultAllocator {
 };
 
 }  // namespace orvia
+
+namespace orvia {
+
+// Blocks of a megabyte, for builders that fill hundreds of them (the archive builder's objects and bytes).
+inline constexpr std::size_t kResidentBlock = std::size_t{1} << 20;
+struct ResidentBlockFree {
+  void operator()(std::byte* p) const noexcept;
+};
+using ResidentBlock = std::unique_ptr<std::byte[], ResidentBlockFree>;
+
+// A resident block of kResidentBlock bytes: one made ready ahead by a PreparedBlocks when there is one,
+// else a new one prefaulted here.
+ResidentBlock resident_block();
+
+// Makes blocks resident ahead of the builder that will take them, on a thread that runs only when a
+// core would otherwise be idle: an import leaves one core idle while it reads the preferences and
+// exports, then keeps both busy while it archives. Blocks nobody took are freed when the last
+// PreparedBlocks alive ends.
+class PreparedBlocks {
+ public:
+  explicit PreparedBlocks(std::size_t bytes);
+  ~PreparedBlocks();
+  PreparedBlocks(const PreparedBlocks&) = delete;
+  PreparedBlocks& operator=(const PreparedBlocks&) = delete;
+};
+
+}  // namespace orvia
