@@ -259,9 +259,11 @@ bool convert_by_lookup(KeyedArchiveLookup& lookup, FlatGraph& g, Node& root) {
     seen.emplace_back(v->uid, n);
     return n;
   }, [&](std::initializer_list<std::string_view> path) {
-    // Only whether there is an object: any kind will do, once it is known to decode.
+    // Only whether there is an object: any kind will do, once it is known to decode (a container
+    // always decodes to one in an archive the lookup accepts).
     std::optional<KeyedArchiveLookup::Value> v = lookup.value_at(path);
     if (v && v->kind != KeyedArchiveLookup::Value::Kind::Other) return v->kind != KeyedArchiveLookup::Value::Kind::Nil;
+    if (v && v->container) return true;
     std::optional<Object*> decoded = lookup.at_path(path);
     if (!decoded) unsure = true;
     return decoded.value_or(nullptr) != nullptr;

@@ -975,6 +975,13 @@ class KeyedUnarchiverImpl final : public KeyedDecoder {
     switch (kinds()[uid]) {
       case kNil: return Value{};
       case kValue: break;
+      case kRecord: {
+        v.kind = Value::Kind::Other;
+        const Builtin b = scratch_->records[uid].builtin;
+        v.container = b == Builtin::Dict || b == Builtin::MutableDict || b == Builtin::Array ||
+                      b == Builtin::MutableArray || b == Builtin::Set || b == Builtin::MutableSet;
+        return v;
+      }
       default: v.kind = Value::Kind::Other; return v;
     }
     auto it = v_.item(v_.ref_unchecked(objects_, uid));

@@ -230,6 +230,7 @@ class KeyedArchiveLookup {
     bool converted = false;      // ... unless stored in another form: then in converted_text
     std::string converted_text;
     std::uint64_t bits = 0;      // numbers: as the decoded Number keeps them; Bool: 0 or 1
+    bool container = false;      // Other: a dictionary, array or set (an object, whatever it holds)
   };
   std::optional<Value> value_at(std::initializer_list<std::string_view> path);
 
