@@ -199,12 +199,6 @@ class Archiver final : public KeyedEncoder {
     const std::uint32_t top = build(root, top_key);
     return b_.write_to(top, sink);
   }
-  // The builder's memory (all but a little of an archiver's) given back on `release`'s thread: it holds
-  // bytes only, no objects, so it may go while the caller frees what it archived.
-  void release_builder(BackgroundRelease& release) {
-    auto builder = std::make_shared<bplist::Builder>(std::move(b_));
-    release.start([builder]() mutable { builder.reset(); });
-  }
   // The builder, which holds bytes only (all but a little of an archiver's memory), taken away.
   std::unique_ptr<bplist::Builder> take_builder() { return std::make_unique<bplist::Builder>(std::move(b_)); }
 
@@ -1695,9 +1689,7 @@ std::string archive_root(const Object* root, const ArchiveOptions& options) {
 
 bool archive_root_to(const Object* root, bplist::Builder::Sink& sink, const ArchiveOptions& options) {
   Archiver archiver;
-  const bool written = archiver.run_to(root, options.top_key, sink);
-  if (options.release) archiver.release_builder(*options.release);
-  return written;
+  return archiver.run_to(root, options.top_key, sink);
 }
 
 BuiltArchive::BuiltArchive(std::unique_ptr<bplist::Builder> builder, std::uint32_t top)
@@ -1712,23 +1704,6 @@ BuiltArchive build_archive(const Object* root, const ArchiveOptions& options) {
   Archiver archiver;
   const std::uint32_t top = archiver.build(root, options.top_key);
   return BuiltArchive(archiver.take_builder(), top);
-}
-
-void BackgroundRelease::start(std::function<void()> release) {
-  join();
-  auto task = std::make_shared<std::function<void()>>(std::move(release));
-  try {
-    thread_ = std::thread([task] {
-      name_this_thread("orvia-release");
-      (*task)();
-    });
-  } catch (const std::system_error&) {  // no thread to be had: given back here
-    (*task)();
-  }
-}
-
-void BackgroundRelease::join() {
-  if (thread_.joinable()) thread_.join();
 }
 
 namespace {

@@ -17,7 +17,6 @@
 #include <span>
 #include <string>
 #include <string_view>
-#include <thread>
 #include <unordered_map>
 #include <vector>
 
@@ -141,27 +140,9 @@ class ClassRegistry {
   std::unordered_map<std::string, Factory> factories_;
 };
 
-// Memory given back on a thread of its own while the caller goes on; joined by join() or at scope end.
-class BackgroundRelease {
- public:
-  BackgroundRelease() = default;
-  BackgroundRelease(const BackgroundRelease&) = delete;
-  BackgroundRelease& operator=(const BackgroundRelease&) = delete;
-  ~BackgroundRelease() { join(); }
-  // Runs `release` on the thread (after any earlier one has ended); on this thread if none can start.
-  void start(std::function<void()> release);
-  void join();
-
- private:
-  std::thread thread_;
-};
-
 struct ArchiveOptions {
   // Key of the root in "$top" ("root" for archivedDataWithRootObject:).
   std::string_view top_key = "root";
-  // Where the archiver's memory (hundreds of megabytes for a large reply) is given back once the bytes
-  // are written: on that thread, while the caller frees the objects it archived; here when null.
-  BackgroundRelease* release = nullptr;
 };
 
 // archivedDataWithRootObject: the bytes of a binary keyed archive whose root is `root` (nil allowed).
