@@ -98,12 +98,12 @@ def main():
     t.row("same reply bytes: bus / import_stages", f"{v.get('x1.bus.same_reply', '-')}/{v.get('x1.stages.same_reply', '-')}",
           f"{v.get('x2.bus.same_reply', '-')}/{v.get('x2.stages.same_reply', '-')}")
 
-    t.head("Stages in process (import_stages): wall s [cpu s]", "x1", "x2", "x2/x1")
-    stages = [("preferences + sidebar load", "preferences+sidebar"), ("store reads (fetches)", "store-reads"),
-              ("export (node building)", "export"),
-              ("archive writing, media converted meanwhile", "archive-writing"),
-              ("  of which the archiving thread's own cpu", "archive-writing-main"),
-              ("teardown (freeing the request)", "teardown"), ("whole import in process", "total"),
+    t.head("Stages in process (import_stages, overlapping as in the run): wall s [cpu s]", "x1", "x2", "x2/x1")
+    stages = [("preferences + waits for the sidebar models", "preferences+sidebar"), ("store reads (fetches)", "store-reads"),
+              ("export (node building; models load beside it)", "export"),
+              ("archive built and written, media converted meanwhile", "archive-writing"),
+              ("  the archiving thread's cpu while it builds", "archive-writing-main"),
+              ("teardown (freeing the request, beside the write)", "teardown"), ("whole import in process", "total"),
               ("pass alone: media rows read", "media-rows"),
               ("pass alone: rows read and converted", "media-conversion"),
               ("pass alone: rows decoded whole", "media-decode")]

@@ -1,19 +1,22 @@
 // import_stages: one import of a home folder, run in this process stage by stage with the same library
-// calls as the import run, and timed per stage:
+// calls as the import run, overlapping where the run overlaps them, and timed per stage:
 //
-//   preferences + sidebar   the install check (reads the preferences), every account's sidebar model and
-//                           the shared albums model (with the log line of their identifiers)
+//   preferences + sidebar   the install check (reads the preferences) and the waits for the sidebar
+//                           models (every account's and the shared albums model), which load on the
+//                           run's helper thread beside the fetches and exports: their CPU shows in those
+//                           stages' CPU, as the process's
 //   store reads             attaching the store and the account, album and favourite fetches
 //   export                  the folder tree exports of every account and of the shared albums model,
 //                           with blocked users, account records and statistics nodes; album nodes get
 //                           their media lists, which are read only when archived
-//   archive writing         archive_root_to of the results: the reply's bytes, written to the archive file
-//                           as the command writes its file (only counted without one). Album media are
-//                           read from the store, decoded and converted on a worker meanwhile, so this
-//                           stage's CPU time is both threads'; archive-writing-main is the archiving
-//                           thread's alone
-//   teardown                releasing the request's objects (the request's heap ends)
+//   archive writing         build_archive of the results, then its bytes written to the archive file on
+//                           a thread of their own as the command writes its file (only counted without
+//                           one), up to the last byte. Album media are read from the store, decoded and
+//                           converted on a worker while the archive is built, so this stage's CPU is
+//                           every thread's; archive-writing-main is the archiving thread's while it builds
+//   teardown                releasing the request's objects (the request's heap ends), beside the write
 //
+// Stages that overlap count their time each, so they add up to more than the total.
 // After the import, passes of their own over every album's media, on one thread:
 //   media-rows              reading the stored records out of the store
 //   media-conversion        the same plus converting each record (what the worker does)
@@ -35,6 +38,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <thread>
 #include <unordered_map>
 #include <utility>
 #include <vector>
@@ -48,9 +52,11 @@
 #include "platform/file_writer.h"
 #include "platform/keyed_archive.h"
 #include "platform/log.h"
+#include "platform/prefault.h"
 #include "platform/queue.h"
 #include "records/records.h"
 #include "service/mq_orvia4_importer.h"
+#include "service/sidebar_models.h"
 
 namespace orvia {
 namespace {
@@ -148,6 +154,11 @@ struct RunOutcome {
 // The import run's continuation, stage by stage (see the file comment).
 void continue_import(Stages& stages, const Ref<MQUserDefaultsWrapper>& defaults, const Ref<MQCoreDataWrapper>& store,
                      RunOutcome& out) {
+  // Where the reply goes, written on a thread of its own while the request's objects are freed.
+  ReplySink sink(out.archive_out);
+  bool written = false;
+  std::thread writer;
+  std::optional<Stages::Interval> archiving;
   // The request's objects die with its heap; the teardown interval covers the locals going too.
   std::optional<Heap> heap(std::in_place);
   std::optional<Stages::Interval> teardown;
@@ -165,61 +176,80 @@ void continue_import(Stages& stages, const Ref<MQUserDefaultsWrapper>& defaults,
     }
     out.accounts = accounts->size();
 
-    // Sidebar models: the accounts' and the shared albums structure.
-    std::vector<std::pair<Ref<Account>, Ref<OutlineFolderModel>>> models;
-    Ref<OutlineFolderModel> album_model;
+    // Sidebar models: the accounts' and the shared albums structure, loaded on the run's helper thread
+    // beside the fetches and exports, as the import run loads them.
+    std::vector<Ref<Account>> valid;
+    std::vector<SidebarModelLoader::Request> requests;
+    for (const Ref<Account>& account : *accounts) {
+      Ref<Object> userid = account->userid();
+      if (!userid) {
+        NSLog("invalid account: %@", account);
+        continue;
+      }
+      valid.push_back(account);
+      requests.push_back({userid, true});
+    }
+    requests.push_back({str(kAlbumPseudoUser), false});
+    std::optional<SidebarModelLoader> models;
     {
       Stages::Interval t(stages, kPrefs);
-      for (const Ref<Account>& account : *accounts) {
-        Ref<Object> userid = account->userid();
-        if (!userid) {
-          NSLog("invalid account: %@", account);
-          continue;
-        }
-        Ref<OutlineFolderModel> model = OutlineFolderModel::initWithExistingUser(userid, false, defaults);
-        NSLog("%@", model->identifiers());
-        models.emplace_back(account, model);
-      }
-      album_model = OutlineFolderModel::initWithExistingUser(str(kAlbumPseudoUser), false, defaults);
+      models.emplace(std::move(requests), defaults);
     }
 
     // Fetches.
     auto lookups = std::make_shared<ImportLookups>();
     {
       Stages::Interval t(stages, kStore);
-      for (const auto& [account, model] : models) lookups->friends(*store, account.get());
+      for (const Ref<Account>& account : valid) lookups->friends(*store, account.get());
       const auto& albums = lookups->albums(*store);
       if (albums) out.albums = albums->size();
     }
 
-    // The exports, as the run makes them.
+    // The exports, as the run makes them, each after its model (waiting for it counts as loading).
     auto results = mutable_array();
+    Ref<MQOrvia4Importer> importer = MQOrvia4Importer::initWithHome(defaults->homeFolder());
+    auto take = [&](std::size_t i) {
+      Stages::Interval t(stages, kPrefs);
+      return models->take(i);
+    };
+    for (std::size_t i = 0; i < valid.size(); ++i) {
+      Ref<OutlineFolderModel> model = take(i);
+      Stages::Interval t(stages, kExport);
+      results->push_back(importer->resultForAccount(valid[i], *model, defaults, store, lookups));
+    }
+    Ref<OutlineFolderModel> album_model = take(valid.size());
     {
       Stages::Interval t(stages, kExport);
-      Ref<MQOrvia4Importer> importer = MQOrvia4Importer::initWithHome(defaults->homeFolder());
-      for (const auto& [account, model] : models)
-        results->push_back(importer->resultForAccount(account, *model, defaults, store, lookups));
       Ref<Object> albums_tree = MQOrvia4Importer::sharedAlbumTree(*album_model, defaults, store, lookups);
       for (const Ref<Object>& r : results->items()) static_cast<MQImporterNodeResult*>(r.get())->albums = albums_tree;
     }
     out.results = results->size();
 
-    {
-      const double main_cpu = thread_cpu_now();
-      Stages::Interval t(stages, kArchive);
-      ReplySink sink(out.archive_out);
-      const bool written = archive_root_to(make<Array>(results->items(), false).get(), sink) && sink.close();
-      out.archive_bytes = sink.bytes;
-      stages.get(kArchiveMain).cpu += thread_cpu_now() - main_cpu;
-      if (!written) {
-        out.error = "cannot write the archive to " + out.archive_out + ": " + sink.error();
-        return;
+    // Every object in the builder, then the bytes written on their own thread while this one frees
+    // the request's objects, as the command does.
+    archiving.emplace(stages, kArchive);
+    const double main_cpu = thread_cpu_now();
+    auto built = std::make_shared<BuiltArchive>(build_archive(make<Array>(results->items(), false).get()));
+    stages.get(kArchiveMain).cpu += thread_cpu_now() - main_cpu;
+    writer = std::thread([built, &sink, &written] {
+      try {
+        written = built->write_to(sink) && sink.close();
+      } catch (const std::exception& e) {
+        std::fprintf(stderr, "import_stages: %s\n", e.what());
       }
-    }
-    out.ok = true;
+    });
     teardown.emplace(stages, kTeardown);
   }
   heap.reset();
+  teardown.reset();
+  writer.join();
+  archiving.reset();
+  out.archive_bytes = sink.bytes;
+  if (!written) {
+    out.error = "cannot write the archive to " + out.archive_out + ": " + sink.error();
+    return;
+  }
+  out.ok = true;
 }
 
 // Every album's media on this thread: reading alone, reading and converting, and decoding whole.
@@ -271,6 +301,8 @@ int run(const std::string& home, const std::string& archive_out) {
   RunOutcome out;
   out.archive_out = archive_out;
   const double start_wall = wall_now(), start_cpu = cpu_now();
+  // As the run does from its start: the builder's memory made resident while a core is idle.
+  PreparedBlocks prepared(prepared_archive_bytes(MQCoreDataWrapper::storePathForHome(home)));
 
   Ref<MQUserDefaultsWrapper> defaults;
   bool installed = false;

@@ -31,23 +31,19 @@ std::span<const std::string_view> MQOrvia4Importer::class_chain() const {
   return kChain;
 }
 
-namespace {
-
 // What the archive builder will take for sure, made resident while a core is idle: half the store's
 // size (its media make an archive of about 0.6 times that, which the builder holds about 1.6 times
 // over), and never more than 128 MB, so that a store of few media wastes little.
-std::size_t prepared_bytes(const std::string& store_path) {
+std::size_t prepared_archive_bytes(const std::string& store_path) {
   std::error_code error;
   const std::uintmax_t size = std::filesystem::file_size(store_path, error);
   if (error) return 0;
   return static_cast<std::size_t>(std::min<std::uintmax_t>(size / 2, std::uintmax_t{128} << 20));
 }
 
-}  // namespace
-
 void MQOrvia4Importer::importDataWithCompletion(Completion completion) {
   auto prepared = std::make_shared<PreparedBlocks>(
-      prepared_bytes(MQCoreDataWrapper::storePathForHome(home_.empty() ? home_directory() : home_)));
+      prepared_archive_bytes(MQCoreDataWrapper::storePathForHome(home_.empty() ? home_directory() : home_)));
   Ref<MQUserDefaultsWrapper> defaults = home_.empty() ? MQUserDefaultsWrapper::initWithBundleID(kLegacyBundleID)
                                                       : MQUserDefaultsWrapper::initWithBundleID(kLegacyBundleID, home_);
   if (!defaults->hasExistingOrviaInstall()) {

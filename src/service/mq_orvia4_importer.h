@@ -17,6 +17,10 @@ class OutlineFolderModel;
 
 inline constexpr std::string_view kLegacyBundleID = "com.brenvik.velmora";
 inline constexpr std::string_view kAlbumPseudoUser = "*--*albums*--*";
+
+// How much of the archive builder's memory a run on the store at `store_path` makes resident ahead,
+// while a core is idle (see PreparedBlocks).
+std::size_t prepared_archive_bytes(const std::string& store_path);
 inline constexpr std::string_view kUserBlacklistKey = "kUserBlacklistKey";
 
 class MQOrvia4Importer final : public Record {
