@@ -35,11 +35,8 @@ struct PrefaultAllocator {
   }
 };
 
-}  // namespace orvia
-
-namespace orvia {
-
-// Blocks of a megabyte, for builders that fill hundreds of them (the archive builder's objects and bytes).
+// Blocks of a megabyte, for builders that fill hundreds of them (the archive builder's objects and
+// bytes).
 inline constexpr std::size_t kResidentBlock = std::size_t{1} << 20;
 struct ResidentBlockFree {
   void operator()(std::byte* p) const noexcept;
