@@ -402,7 +402,7 @@ TEST(KeyedArchive, ABuiltArchiveIsWrittenAfterItsObjectsAreGone) {
     }
     std::string bytes;
   };
-  for (const std::size_t prepared : {std::size_t{0}, std::size_t{4} << 20, std::size_t{256} << 20}) {
+  for (const std::size_t prepared : {std::size_t{0}, std::size_t{4} << 20, std::size_t{32} << 20}) {
     SCOPED_TRACE(prepared);
     std::optional<PreparedBlocks> ahead;
     if (prepared) ahead.emplace(prepared);
