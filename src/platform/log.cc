@@ -1,5 +1,6 @@
 #include "platform/log.h"
 
+#include <sys/uio.h>
 #include <syslog.h>
 #include <unistd.h>
 
@@ -34,26 +35,46 @@ Sinks& sinks() {
   return *s;
 }
 
+// The system log takes one datagram per line, and a datagram of more than about 200 KB is refused:
+// longer lines (a sidebar's identifiers) go to it cut at this size, on a character boundary, ending
+// in "...". Formatting the whole of a megabyte line for a send that must fail took milliseconds.
+constexpr std::size_t kSyslogMaxLine = std::size_t{64} << 10;
+
 void write_syslog(std::string_view line) {
   static std::once_flag opened;
   std::call_once(opened, [] { openlog(kSyslogIdent, LOG_PID, LOG_USER); });
-  syslog(LOG_NOTICE, "%.*s", static_cast<int>(std::min<std::size_t>(line.size(), INT32_MAX)), line.data());
+  const char* more = "";
+  if (line.size() > kSyslogMaxLine) {
+    std::size_t cut = kSyslogMaxLine;
+    while (cut > 0 && (static_cast<unsigned char>(line[cut]) & 0xC0) == 0x80) --cut;  // not inside a character
+    line = line.substr(0, cut);
+    more = "...";
+  }
+  syslog(LOG_NOTICE, "%.*s%s", static_cast<int>(line.size()), line.data(), more);
 }
 
 void write_stderr(std::string_view line) {
-  std::string record(line);
-  record += '\n';
+  // The line and its newline in one call, without copying the line.
+  iovec parts[2] = {{const_cast<char*>(line.data()), line.size()}, {const_cast<char*>("\n"), 1}};
+  iovec* part = parts;
+  int count = 2;
   std::lock_guard lock(sinks().stderr_mutex);
-  const char* p = record.data();
-  std::size_t left = record.size();
-  while (left > 0) {
-    ssize_t n = ::write(STDERR_FILENO, p, left);
+  while (count > 0) {
+    ssize_t n = ::writev(STDERR_FILENO, part, count);
     if (n < 0) {
       if (errno == EINTR) continue;
       return;  // nowhere to report a failing stderr
     }
-    p += n;
-    left -= static_cast<std::size_t>(n);
+    auto done = static_cast<std::size_t>(n);
+    while (count > 0 && done >= part->iov_len) {
+      done -= part->iov_len;
+      ++part;
+      --count;
+    }
+    if (count > 0) {
+      part->iov_base = static_cast<char*>(part->iov_base) + done;
+      part->iov_len -= done;
+    }
   }
 }
 

@@ -73,9 +73,11 @@ TEST(Log, LinesFromManyThreadsStayWholeOnStderrAndInCaptures) {
     StderrToFile redirect(dir / "stderr.txt");
     std::vector<std::thread> threads;
     for (int t = 0; t < kThreads; ++t) {
-      threads.emplace_back([t] {
+      threads.emplace_back([t, long_line = kLines] {
         // Lines of different lengths, some longer than a pipe's atomic write size.
         for (int i = 0; i < kLines; ++i) NSLog("thread %d line %d %@", t, i, std::string(i * 13 % 5000, 'a' + t));
+        // And one far longer than the system log takes (stderr and captures still get it whole).
+        if (t == 0) NSLog("thread %d line %d %@", t, long_line, std::string(300000, 'z'));
       });
     }
     for (auto& th : threads) th.join();
@@ -88,6 +90,7 @@ TEST(Log, LinesFromManyThreadsStayWholeOnStderrAndInCaptures) {
       expected[format("thread %d line %d %@", {t, i, std::string(i * 13 % 5000, 'a' + t)})]++;
     }
   }
+  expected[format("thread %d line %d %@", {0, kLines, std::string(300000, 'z')})]++;
   std::map<std::string, int> captured;
   for (const auto& line : capture.lines()) captured[line]++;
   EXPECT_EQ(captured, expected);
