@@ -368,38 +368,56 @@ std::uint32_t Builder::Objects::push(const Obj& o) {
   return static_cast<std::uint32_t>(size_++);
 }
 
-char* Builder::Arena::allocate(std::size_t size, std::size_t align) {
+void Builder::Objects::release_below(std::size_t end) {
+  for (std::size_t b = 0; b < blocks_.size() && ((b + 1) << kShift) <= end; ++b) give_back(blocks_[b]);
+}
+
+char* Builder::Arena::allocate(std::size_t size, std::size_t align, std::uint32_t owner) {
   constexpr std::size_t kBlock = kResidentBlock;
   if (size > kBlock / 4) {  // a block of its own; the current block stays open
-    large_.push_back(std::make_unique_for_overwrite<char[]>(size));
-    prefault(large_.back().get(), size);
-    return large_.back().get();
+    large_.push_back(Large{std::make_unique_for_overwrite<char[]>(size), owner});
+    prefault(large_.back().bytes.get(), size);
+    return large_.back().bytes.get();
   }
   std::size_t pad = next_ ? (align - reinterpret_cast<std::uintptr_t>(next_) % align) % align : 0;
   if (!next_ || pad + size > left_) {
-    blocks_.push_back(resident_block());
-    next_ = reinterpret_cast<char*>(blocks_.back().get());
+    blocks_.push_back(Block{resident_block(), owner});
+    next_ = reinterpret_cast<char*>(blocks_.back().bytes.get());
     left_ = kBlock;
     pad = 0;
   }
+  blocks_.back().last_owner = std::max(blocks_.back().last_owner, owner);
   char* p = next_ + pad;
   next_ = p + size;
   left_ -= pad + size;
   return p;
 }
 
-std::string_view Builder::Arena::copy(std::string_view bytes) {
+std::string_view Builder::Arena::copy(std::string_view bytes, std::uint32_t owner) {
   if (bytes.empty()) return {};
-  char* p = allocate(bytes.size(), 1);
+  char* p = allocate(bytes.size(), 1, owner);
   std::memcpy(p, bytes.data(), bytes.size());
   return {p, bytes.size()};
 }
 
-std::string_view Builder::utf16_of(const Obj& o) {
-  const char* utf8 = reinterpret_cast<const char*>(o.a);
+void Builder::Arena::release_below(std::uint32_t end) {
+  // Blocks fill in the order objects are added, so they mostly go in order; one kept by a later owner
+  // (a container whose references were stored after it) is looked at again next time.
+  while (released_ < blocks_.size() && !blocks_[released_].bytes) ++released_;
+  for (std::size_t b = released_; b < blocks_.size(); ++b) {
+    if (blocks_[b].bytes && blocks_[b].last_owner < end) give_back(blocks_[b].bytes);
+  }
+  for (Large& large : large_) {
+    if (large.bytes && large.owner < end) large.bytes.reset();
+  }
+}
+
+std::string_view Builder::utf8_of(const Obj& o) {
+  if (o.flag || static_cast<Type>(o.type) == Type::Data) return o.bytes();
+  const char* utf16 = reinterpret_cast<const char*>(o.a);
   std::uint64_t size = 0;
-  std::memcpy(&size, utf8 - 8, 8);
-  return {utf8 + o.n(), static_cast<std::size_t>(size)};
+  std::memcpy(&size, utf16 - 8, 8);
+  return {utf16 - 8 - size, static_cast<std::size_t>(size)};
 }
 
 std::uint32_t Builder::push(Obj o) { return objects_.push(o); }
@@ -438,27 +456,29 @@ std::uint32_t Builder::add_bytes(BytesTable& t, std::string_view bytes, Type typ
   const std::uint32_t tag = static_cast<std::uint32_t>(hash_bytes(bytes));
   std::size_t i = tag & mask;
   while (std::uint32_t v = t.slots[i].index_plus_one) {
-    if (t.slots[i].hash == tag && objects_[v - 1].bytes() == bytes) return v - 1;
+    if (t.slots[i].hash == tag && utf8_of(objects_[v - 1]) == bytes) return v - 1;
     i = (i + 1) & mask;
   }
-  const char* stored;
+  // The object about to be pushed owns what is stored for it.
+  const auto owner = static_cast<std::uint32_t>(objects_.size());
+  Obj o{0, 0, 0, static_cast<std::uint8_t>(type), static_cast<std::uint8_t>(ascii)};
   if (type == Type::Utf8String && !ascii) {
-    // Written as UTF-16BE: converted once here (after the UTF-8 bytes, its size before them), so sizing
-    // and writing only copy.
+    // Written as UTF-16BE: converted once here, so that sizing and writing read the object alone and
+    // copy. The UTF-8 bytes (for finding equal strings) and their size go before the units.
     std::string units;
     std::uint64_t count = 0;
     utf8_to_utf16be(bytes, units, count);
-    const std::uint64_t size = units.size();
-    char* p = arena_.allocate(8 + bytes.size() + units.size(), 8);
-    std::memcpy(p, &size, 8);
-    std::memcpy(p + 8, bytes.data(), bytes.size());
-    std::memcpy(p + 8 + bytes.size(), units.data(), units.size());
-    stored = p + 8;
+    const std::uint64_t size = bytes.size();
+    char* p = arena_.allocate(bytes.size() + 8 + units.size(), 1, owner);
+    std::memcpy(p, bytes.data(), bytes.size());
+    std::memcpy(p + bytes.size(), &size, 8);
+    std::memcpy(p + bytes.size() + 8, units.data(), units.size());
+    o.a = reinterpret_cast<std::uint64_t>(p + bytes.size() + 8);
+    o.set_n(units.size());
   } else {
-    stored = arena_.copy(bytes).data();
+    o.a = reinterpret_cast<std::uint64_t>(arena_.copy(bytes, owner).data());
+    o.set_n(bytes.size());
   }
-  Obj o{reinterpret_cast<std::uint64_t>(stored), 0, 0, static_cast<std::uint8_t>(type), static_cast<std::uint8_t>(ascii)};
-  o.set_n(bytes.size());
   std::uint32_t index = push(o);
   t.slots[i] = Slot{index + 1, tag};
   ++t.used;
@@ -533,7 +553,8 @@ std::uint32_t Builder::add_uid(std::uint64_t v) {
 void Builder::set_container(std::uint32_t index, Type type, const std::uint32_t* first, const std::uint32_t* second,
                             std::size_t n) {
   const std::size_t total = second ? 2 * n : n;
-  auto* refs = reinterpret_cast<std::uint32_t*>(arena_.allocate(total * sizeof(std::uint32_t), alignof(std::uint32_t)));
+  auto* refs =
+      reinterpret_cast<std::uint32_t*>(arena_.allocate(total * sizeof(std::uint32_t), alignof(std::uint32_t), index));
   if (n) std::memcpy(refs, first, n * sizeof(std::uint32_t));
   if (second && n) std::memcpy(refs + n, second, n * sizeof(std::uint32_t));
   Obj& o = objects_[index];
@@ -574,9 +595,7 @@ std::uint64_t Builder::encoded_size(const Obj& o, unsigned ref_size) const {
     case Type::Utf8String:
     case Type::AsciiString:
     case Type::Utf16String: {
-      if (o.flag) return count_header_size(o.n()) + o.n();
-      const std::uint64_t size = utf16_of(o).size();
-      return count_header_size(size / 2) + size;
+      return count_header_size(o.flag ? o.n() : o.n() / 2) + o.n();  // UTF-16 when not ASCII
     }
     case Type::Uid:
       return 1 + size_for(o.a);
@@ -806,7 +825,7 @@ char* Builder::encode_objects(std::size_t begin, std::size_t end, unsigned ref_s
       case Type::AsciiString:
       case Type::Utf16String: {
         const bool is_data = static_cast<Type>(o.type) == Type::Data;
-        std::string_view bytes = is_data || o.flag ? o.bytes() : utf16_of(o);
+        std::string_view bytes = o.bytes();
         p = store_marker_count(p, is_data ? 0x4 : o.flag ? 0x5 : 0x6, is_data || o.flag ? bytes.size() : bytes.size() / 2);
         if (!bytes.empty()) std::memcpy(p, bytes.data(), bytes.size());
         p += bytes.size();
@@ -857,7 +876,7 @@ void Builder::stream_objects(std::size_t begin, std::size_t end, unsigned ref_si
       }
     } else {
       const bool is_data = t == Type::Data;
-      std::string_view bytes = is_data || o.flag ? o.bytes() : utf16_of(o);
+      std::string_view bytes = o.bytes();
       w.commit(store_marker_count(p, is_data ? 0x4 : o.flag ? 0x5 : 0x6, is_data || o.flag ? bytes.size() : bytes.size() / 2));
       w.put_direct(bytes);
     }
@@ -924,17 +943,20 @@ void on_two_threads(const std::function<void()>& work) {
 // time, whichever thread finished them. `size(c)` is piece c's byte count; `fill(c, out)` writes a
 // piece into a buffer; a piece larger than `max_buffered` is instead written by `stream(c, sink)`
 // straight to the sink once every piece before it has been handed on. At most kAhead pieces wait in
-// buffers, so memory stays a few pieces whatever the file's size.
+// buffers, so memory stays a few pieces whatever the file's size. `handed(c)`, when given, is called
+// once piece c is handed on, one call at a time and in order.
 class OrderedPieces {
  public:
   static constexpr std::size_t kAhead = 4;
   using Size = std::function<std::size_t(std::size_t)>;
   using Fill = std::function<void(std::size_t, char*)>;
   using Stream = std::function<bool(std::size_t, Builder::Sink&)>;
+  using Handed = std::function<void(std::size_t)>;
 
-  OrderedPieces(std::size_t n, Builder::Sink& sink, std::size_t max_buffered, Size size, Fill fill, Stream stream)
+  OrderedPieces(std::size_t n, Builder::Sink& sink, std::size_t max_buffered, Size size, Fill fill, Stream stream,
+                Handed handed)
       : n_(n), sink_(sink), max_buffered_(max_buffered), size_(std::move(size)), fill_(std::move(fill)),
-        stream_(std::move(stream)), ready_(n, 0) {}
+        stream_(std::move(stream)), handed_fn_(std::move(handed)), ready_(n, 0) {}
 
   bool run() {
     on_two_threads([this] { work(); });
@@ -961,6 +983,7 @@ class OrderedPieces {
           handing_ = true;
           lock.unlock();
           const bool ok = stream_(c, sink_);
+          if (ok && handed_fn_) handed_fn_(c);
           lock.lock();
           handing_ = false;
           if (!ok) failed_ = true;
@@ -996,6 +1019,7 @@ class OrderedPieces {
       const std::size_t c = handed_;
       lock.unlock();
       const bool ok = sink_.put(std::string_view(buffers_[c % kAhead].bytes.get(), size_(c)));
+      if (ok && handed_fn_) handed_fn_(c);
       lock.lock();
       if (!ok) failed_ = true;
       handed_ = c + 1;
@@ -1011,6 +1035,7 @@ class OrderedPieces {
   Size size_;
   Fill fill_;
   Stream stream_;
+  Handed handed_fn_;
   std::mutex mutex_;
   std::condition_variable changed_;
   std::vector<unsigned char> ready_;  // piece made and waiting in its buffer
@@ -1032,13 +1057,29 @@ void for_each_on_two_threads(std::size_t n, const std::function<void(std::size_t
 }  // namespace
 
 bool Builder::write_to(std::uint32_t top, Sink& sink, const WriteOptions& options) const {
+  return write_any(top, sink, options, nullptr);
+}
+
+bool Builder::drain_to(std::uint32_t top, Sink& sink, const WriteOptions& options) {
+  // The tables that find equal values are not needed for writing.
+  strings_ = BytesTable{};
+  datas_ = BytesTable{};
+  ints_ = reals_ = dates_ = uints_ = ScalarTable{};
+  uids_ = {};
+  const bool whole = write_any(top, sink, options, this);
+  *this = Builder();
+  return whole;
+}
+
+bool Builder::write_any(std::uint32_t top, Sink& sink, const WriteOptions& options, Builder* drain) const {
   const std::uint64_t count = objects_.size();
   // As Apple's reader demands: the reference size must hold the object count itself.
   const unsigned ref_size = size_for(count);
   const std::size_t run = std::max<std::size_t>(options.run_objects, 1);
   const bool two = options.threads == 2 ||
                    (options.threads == 0 && count >= 4 * run && std::thread::hardware_concurrency() > 1);
-  const bool whole = two && count > run ? write_parallel(top, sink, ref_size, options) : write_serial(top, sink, ref_size);
+  const bool whole = two && count > run ? write_parallel(top, sink, ref_size, options, drain)
+                                        : write_serial(top, sink, ref_size);
   if (whole) sink.finished();
   return whole;
 }
@@ -1066,7 +1107,8 @@ bool Builder::write_serial(std::uint32_t top, Sink& sink, unsigned ref_size) con
 // A large file on two threads: the objects are taken in runs whose sizes are summed first (so every
 // run knows where it starts), then encoded side by side, and the offset table likewise; the sink
 // still gets the bytes in order.
-bool Builder::write_parallel(std::uint32_t top, Sink& sink, unsigned ref_size, const WriteOptions& options) const {
+bool Builder::write_parallel(std::uint32_t top, Sink& sink, unsigned ref_size, const WriteOptions& options,
+                             Builder* drain) const {
   const std::size_t count = objects_.size();
   const std::size_t run = std::max<std::size_t>(options.run_objects, 1);
   const std::size_t runs = (count + run - 1) / run;
@@ -1093,6 +1135,11 @@ bool Builder::write_parallel(std::uint32_t top, Sink& sink, unsigned ref_size, c
         PieceWriter w(s, false);
         stream_objects(run_begin(r), run_end(r), ref_size, w);
         return w.finish();
+      },
+      // Once a run is handed on, the bytes of its strings and data and its containers' references
+      // are not read again: the offset table needs the objects alone.
+      [&](std::size_t r) {
+        if (drain) drain->arena_.release_below(static_cast<std::uint32_t>(run_end(r)));
       });
   if (!objects.run()) return false;
 
@@ -1106,6 +1153,9 @@ bool Builder::write_parallel(std::uint32_t top, Sink& sink, unsigned ref_size, c
         PieceWriter w(s, false);
         stream_offsets(run_begin(r), run_end(r), start[r], offset_size, ref_size, w);
         return w.finish();
+      },
+      [&](std::size_t r) {
+        if (drain) drain->objects_.release_below(run_end(r));
       });
   if (!table.run()) return false;
   char trailer[32];

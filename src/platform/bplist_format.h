@@ -268,8 +268,8 @@ class Builder {
     virtual ~Sink() = default;
     virtual void expect(std::uint64_t total_size) { (void)total_size; }  // called once, before any piece
     virtual bool put(std::string_view piece) = 0;                      // false stops the writing
-    // Called once the whole file has been handed over (never when the writing stopped), while the
-    // builder still holds its memory: a sink that passes the file on does it here, and the receiver
+    // Called once the whole file has been handed over (never when the writing stopped), before the
+    // builder's memory is given back: a sink that passes the file on does it here, and the receiver
     // need not wait for that memory to be given back.
     virtual void finished() {}
   };
@@ -288,6 +288,11 @@ class Builder {
   // beside the builder. False when the sink stopped it.
   bool write_to(std::uint32_t top, Sink& sink) const { return write_to(top, sink, WriteOptions{}); }
   bool write_to(std::uint32_t top, Sink& sink, const WriteOptions& options) const;
+  // write_to for a builder written once: its memory goes back to the system as soon as the bytes made
+  // from it are handed on, so that a sink holding the file in memory reuses those pages rather than
+  // taking new ones. The builder is empty afterwards, whether or not the writing finished.
+  bool drain_to(std::uint32_t top, Sink& sink) { return drain_to(top, sink, WriteOptions{}); }
+  bool drain_to(std::uint32_t top, Sink& sink, const WriteOptions& options);
 
  private:
   struct Obj {
@@ -313,6 +318,8 @@ class Builder {
     }
     std::size_t size() const { return size_; }
     std::uint32_t push(const Obj& o);
+    // Gives back the blocks that hold only objects below `end`; those objects are not read again.
+    void release_below(std::size_t end);
 
    private:
     static constexpr unsigned kShift = 16;
@@ -320,15 +327,27 @@ class Builder {
     std::vector<ResidentBlock> blocks_;  // one resident block per (kMask + 1) objects
     std::size_t size_ = 0;
   };
-  // Owns the bytes of strings and data and the references of containers (large blocks, never moved).
+  // Owns the bytes of strings and data and the references of containers (large blocks, never moved),
+  // each allocation for one object, its owner.
   class Arena {
    public:
-    char* allocate(std::size_t size, std::size_t align);
-    std::string_view copy(std::string_view bytes);
+    char* allocate(std::size_t size, std::size_t align, std::uint32_t owner);
+    std::string_view copy(std::string_view bytes, std::uint32_t owner);
+    // Gives back the blocks whose owners are all below `end`; their bytes are not read again.
+    void release_below(std::uint32_t end);
 
    private:
-    std::vector<ResidentBlock> blocks_;
-    std::vector<std::unique_ptr<char[]>> large_;
+    struct Block {
+      ResidentBlock bytes;
+      std::uint32_t last_owner = 0;  // the highest owner of anything in it
+    };
+    struct Large {
+      std::unique_ptr<char[]> bytes;
+      std::uint32_t owner = 0;
+    };
+    std::vector<Block> blocks_;
+    std::vector<Large> large_;
+    std::size_t released_ = 0;  // blocks_[0, released_) are all given back
     char* next_ = nullptr;
     std::size_t left_ = 0;
   };
@@ -357,10 +376,14 @@ class Builder {
   template <class Writer>
   void stream_offsets(std::size_t begin, std::size_t end, std::uint64_t offset, unsigned offset_size,
                       unsigned ref_size, Writer& w) const;
+  bool write_any(std::uint32_t top, Sink& sink, const WriteOptions& options, Builder* drain) const;
   bool write_serial(std::uint32_t top, Sink& sink, unsigned ref_size) const;
-  bool write_parallel(std::uint32_t top, Sink& sink, unsigned ref_size, const WriteOptions& options) const;
-  // A non-ASCII string's UTF-16BE form, stored right after its UTF-8 bytes.
-  static std::string_view utf16_of(const Obj& o);
+  // With `drain`, the builder's memory is given back as the pieces made from it are handed on.
+  bool write_parallel(std::uint32_t top, Sink& sink, unsigned ref_size, const WriteOptions& options,
+                      Builder* drain) const;
+  // The bytes equal strings are found by: a non-ASCII string is written from its UTF-16BE form (the
+  // object's bytes), and its UTF-8 bytes are stored before it.
+  static std::string_view utf8_of(const Obj& o);
   void set_container(std::uint32_t index, Type type, const std::uint32_t* first, const std::uint32_t* second,
                      std::size_t n);
   Objects objects_;

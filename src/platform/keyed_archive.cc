@@ -197,7 +197,7 @@ class Archiver final : public KeyedEncoder {
   }
   bool run_to(const Object* root, std::string_view top_key, bplist::Builder::Sink& sink) {
     const std::uint32_t top = build(root, top_key);
-    return b_.write_to(top, sink);
+    return b_.drain_to(top, sink);
   }
   // The builder, which holds bytes only (all but a little of an archiver's memory), taken away.
   std::unique_ptr<bplist::Builder> take_builder() { return std::make_unique<bplist::Builder>(std::move(b_)); }
@@ -1698,7 +1698,12 @@ BuiltArchive::BuiltArchive(BuiltArchive&&) noexcept = default;
 BuiltArchive& BuiltArchive::operator=(BuiltArchive&&) noexcept = default;
 BuiltArchive::~BuiltArchive() = default;
 
-bool BuiltArchive::write_to(bplist::Builder::Sink& sink) const { return builder_ && builder_->write_to(top_, sink); }
+bool BuiltArchive::write_to(bplist::Builder::Sink& sink) {
+  if (!builder_) return false;
+  const bool whole = builder_->drain_to(top_, sink);
+  builder_.reset();
+  return whole;
+}
 
 BuiltArchive build_archive(const Object* root, const ArchiveOptions& options) {
   Archiver archiver;

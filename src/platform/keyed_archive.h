@@ -162,7 +162,8 @@ class BuiltArchive {
   BuiltArchive& operator=(BuiltArchive&&) noexcept;
   ~BuiltArchive();
   // The bytes archive_root_to would hand on, handed to `sink`; false when the sink refused a piece.
-  bool write_to(bplist::Builder::Sink& sink) const;
+  // Once: the builder's memory goes back as the bytes are handed on (see Builder::drain_to).
+  bool write_to(bplist::Builder::Sink& sink);
 
  private:
   friend BuiltArchive build_archive(const Object* root, const ArchiveOptions& options);

@@ -79,6 +79,17 @@ void make_blocks(Prepared& s) {
 
 void ResidentBlockFree::operator()(std::byte* p) const noexcept { ::operator delete(p); }
 
+void give_back(ResidentBlock& block) noexcept {
+  if (!block) return;
+  // The whole pages within it (an allocator need not align the block on a page).
+  constexpr std::uintptr_t kPage = 4096;
+  const auto start = reinterpret_cast<std::uintptr_t>(block.get());
+  const std::uintptr_t first = (start + kPage - 1) & ~(kPage - 1);
+  const std::uintptr_t end = (start + kResidentBlock) & ~(kPage - 1);
+  (void)::madvise(reinterpret_cast<void*>(first), end - first, MADV_DONTNEED);
+  block.reset();
+}
+
 ResidentBlock resident_block() {
   Prepared& s = prepared();
   if (s.ready_count.load(std::memory_order_relaxed) > 0) {

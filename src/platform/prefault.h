@@ -47,6 +47,11 @@ using ResidentBlock = std::unique_ptr<std::byte[], ResidentBlockFree>;
 // else a new one prefaulted here.
 ResidentBlock resident_block();
 
+// Frees a block, its pages given back to the system at once rather than kept by the allocator for its
+// next blocks: for a builder that gives its memory back while it writes, so that the pages can hold
+// what it writes (a memory file).
+void give_back(ResidentBlock& block) noexcept;
+
 // Makes blocks resident ahead of the builder that will take them, on a thread that runs only when a
 // core would otherwise be idle: an import leaves one core idle while it reads the preferences and
 // exports, then keeps both busy while it archives. Blocks nobody took are freed when the last
