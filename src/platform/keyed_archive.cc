@@ -195,10 +195,6 @@ class Archiver final : public KeyedEncoder {
     const std::uint32_t top = build(root, top_key);
     return b_.write(top);
   }
-  bool run_to(const Object* root, std::string_view top_key, bplist::Builder::Sink& sink) {
-    const std::uint32_t top = build(root, top_key);
-    return b_.drain_to(top, sink);
-  }
   // The builder, which holds bytes only (all but a little of an archiver's memory), taken away.
   std::unique_ptr<bplist::Builder> take_builder() { return std::make_unique<bplist::Builder>(std::move(b_)); }
 
@@ -1688,8 +1684,8 @@ std::string archive_root(const Object* root, const ArchiveOptions& options) {
 }
 
 bool archive_root_to(const Object* root, bplist::Builder::Sink& sink, const ArchiveOptions& options) {
-  Archiver archiver;
-  return archiver.run_to(root, options.top_key, sink);
+  // Built first, so that the archiver's tables are gone before the bytes are written.
+  return build_archive(root, options).write_to(sink);
 }
 
 BuiltArchive::BuiltArchive(std::unique_ptr<bplist::Builder> builder, std::uint32_t top)
