@@ -47,8 +47,9 @@ struct Member {
 // Members are claimed for conversion in the order they were read (the claimed ones are always the
 // first of the window); the archiving thread takes them in that order and logs unreadable records
 // then, so the log keeps the store's order. Only the worker touches the store. At most kWindow members
-// are in memory; each thread frees what it made of the spent ones (so memory goes back to the arena
-// of the allocator it came from). One per archiving run, so one worker reads the store whatever lists the archive holds.
+// are in memory (and as many spent ones, kept by the worker to read rows into); each thread frees the
+// objects it made of the spent ones (so memory goes back to the arena of the allocator it came from).
+// One per archiving run, so one worker reads the store whatever lists the archive holds.
 class MediaReader {
  public:
   MediaReader() = default;
@@ -125,6 +126,7 @@ class MediaReader {
   static constexpr std::size_t kWindow = 256;
   static constexpr std::size_t kReadAhead = 8;  // unclaimed members the worker keeps ready to share
   static constexpr std::size_t kNone = SIZE_MAX;
+  static constexpr std::size_t kKeptBytes = std::size_t{64} << 10, kKeptNodes = 4096;
   static constexpr int kSpins = 64, kWaitSpins = 4000;  // pauses: about 2 and 20-40 microseconds
 
   void wake_worker() {
@@ -208,6 +210,29 @@ class MediaReader {
     m.media = convertedMediaFromArchive(m.has_dictionary ? &bytes : nullptr, &m.unreadable, m.graph, m.root);
   }
 
+  // Keeps spent members for the next rows read, with the room their bytes and graph took (most
+  // records are alike), instead of freeing them and making new ones. Only the worker calls it.
+  void recycle(std::deque<std::unique_ptr<Member>>& spent) {
+    for (std::unique_ptr<Member>& m : spent) {
+      m->media = nullptr;
+      m->heap.reset();
+      // An unusually large record's room is not kept.
+      if (pool_.size() >= kWindow || m->bytes.capacity() > kKeptBytes || m->graph.size() > kKeptNodes) continue;
+      m->graph.clear();
+      m->root = FlatGraph::kNone;
+      m->unreadable.clear();
+      m->end = m->has_dictionary = m->converted = m->converted_by_worker = false;
+      pool_.push_back(std::move(m));
+    }
+    spent.clear();
+  }
+  std::unique_ptr<Member> new_member() {
+    if (pool_.empty()) return std::make_unique<Member>();
+    std::unique_ptr<Member> m = std::move(pool_.back());
+    pool_.pop_back();
+    return m;
+  }
+
   void run() {
     std::deque<std::unique_ptr<Member>> spent;
     std::unique_lock lock(mutex_);
@@ -215,7 +240,7 @@ class MediaReader {
       spent.swap(spent_);
       if (!spent.empty()) {
         lock.unlock();
-        spent.clear();
+        recycle(spent);
         lock.lock();
         continue;
       }
@@ -248,7 +273,7 @@ class MediaReader {
     auto leaving = [&] { return stop_ || wanted_ != kNone; };
     try {
       album->enumerateImages([&](const ImageItemRow& row) {
-        auto m = std::make_unique<Member>();
+        std::unique_ptr<Member> m = new_member();
         m->place = place;
         m->bytes.assign(row.dictionary);
         m->has_dictionary = row.has_dictionary;
@@ -265,7 +290,7 @@ class MediaReader {
         }
         spent.swap(spent_);
         lock.unlock();
-        spent.clear();
+        recycle(spent);
         return true;
       });
     } catch (const std::exception& e) {
@@ -286,6 +311,7 @@ class MediaReader {
   std::condition_variable main_cv_, worker_cv_;
   std::deque<std::unique_ptr<Member>> window_, spent_;  // window_: read, not yet taken, in order
   std::unique_ptr<Member> current_;                     // the member handed out last
+  std::vector<std::unique_ptr<Member>> pool_;           // spent members to read rows into (the worker's)
   std::size_t claimed_ = 0;                             // the first claimed_ members of the window are claimed
   std::size_t open_ = kNone, reading_ = 0, wanted_ = kNone;
   bool started_ = false, stop_ = false, main_waiting_ = false, worker_waiting_ = false;
