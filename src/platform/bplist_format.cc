@@ -401,8 +401,8 @@ std::string_view Builder::Arena::copy(std::string_view bytes, std::uint32_t owne
 }
 
 void Builder::Arena::release_below(std::uint32_t end) {
-  // Blocks fill in the order objects are added, so they mostly go in order; one kept by a later owner
-  // (a container whose references were stored after it) is looked at again next time.
+  // Mostly in order, as blocks fill in the order objects are added; a block that also holds the bytes
+  // of an object not yet written waits for a later call.
   while (released_ < blocks_.size() && !blocks_[released_].bytes) ++released_;
   for (std::size_t b = released_; b < blocks_.size(); ++b) {
     if (blocks_[b].bytes && blocks_[b].last_owner < end) give_back(blocks_[b].bytes);

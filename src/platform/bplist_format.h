@@ -381,8 +381,8 @@ class Builder {
   // With `drain`, the builder's memory is given back as the pieces made from it are handed on.
   bool write_parallel(std::uint32_t top, Sink& sink, unsigned ref_size, const WriteOptions& options,
                       Builder* drain) const;
-  // The bytes equal strings are found by: a non-ASCII string is written from its UTF-16BE form (the
-  // object's bytes), and its UTF-8 bytes are stored before it.
+  // The bytes by which equal values are found: a string's UTF-8. A non-ASCII string's own bytes are
+  // its UTF-16BE form (what is written), with its UTF-8 bytes stored before them.
   static std::string_view utf8_of(const Obj& o);
   void set_container(std::uint32_t index, Type type, const std::uint32_t* first, const std::uint32_t* second,
                      std::size_t n);

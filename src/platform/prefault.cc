@@ -21,13 +21,20 @@
 
 namespace orvia {
 
-void prefault(void* p, std::size_t bytes) {
+namespace {
+
+// madvise over the whole pages within [p, p + bytes) (an allocator need not align a block on a page).
+void advise_whole_pages(void* p, std::size_t bytes, int advice) {
   constexpr std::uintptr_t kPage = 4096;
   const auto start = reinterpret_cast<std::uintptr_t>(p);
   const std::uintptr_t first = (start + kPage - 1) & ~(kPage - 1);
   const std::uintptr_t end = (start + bytes) & ~(kPage - 1);
-  if (end > first) (void)::madvise(reinterpret_cast<void*>(first), end - first, MADV_POPULATE_WRITE);
+  if (end > first) (void)::madvise(reinterpret_cast<void*>(first), end - first, advice);
 }
+
+}  // namespace
+
+void prefault(void* p, std::size_t bytes) { advise_whole_pages(p, bytes, MADV_POPULATE_WRITE); }
 
 namespace {
 
@@ -81,12 +88,7 @@ void ResidentBlockFree::operator()(std::byte* p) const noexcept { ::operator del
 
 void give_back(ResidentBlock& block) noexcept {
   if (!block) return;
-  // The whole pages within it (an allocator need not align the block on a page).
-  constexpr std::uintptr_t kPage = 4096;
-  const auto start = reinterpret_cast<std::uintptr_t>(block.get());
-  const std::uintptr_t first = (start + kPage - 1) & ~(kPage - 1);
-  const std::uintptr_t end = (start + kResidentBlock) & ~(kPage - 1);
-  (void)::madvise(reinterpret_cast<void*>(first), end - first, MADV_DONTNEED);
+  advise_whole_pages(block.get(), kResidentBlock, MADV_DONTNEED);
   block.reset();
 }
 
