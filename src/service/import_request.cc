@@ -23,8 +23,8 @@ void handle_import_request(ImportReply reply) {
       reply(false, std::nullopt);
       return;
     }
-    // The reply leaves as soon as the archive's last byte is in its memory file, before the archiver's
-    // memory is given back.
+    // The reply leaves as soon as the archive's last byte is in its memory file, before the rest of the
+    // archiver's memory is given back.
     struct ReplyingSink final : bplist::Builder::Sink {
       explicit ReplyingSink(const ImportReply& r) : reply(r) {}
       void expect(std::uint64_t total_size) override { memfd.expect(total_size); }
@@ -67,7 +67,7 @@ ImportOutcome run_direct(const std::string& home, bplist::Builder::Sink* sink, b
   auto outcome = std::make_shared<ImportOutcome>();
   auto done = std::make_shared<std::atomic<bool>>(false);
   // The archive's bytes are written on a thread of their own while the run frees its objects (the
-  // built archive holds bytes only); the archiver's memory goes back on that thread once written.
+  // built archive holds bytes only); the archiver's memory goes back on that thread as it writes.
   auto writing = std::make_shared<std::thread>();
   auto completion = [outcome, done, sink, written, writing](bool success, Ref<Array> results) {
     if (done->load()) return;
