@@ -747,7 +747,9 @@ class KeyedUnarchiverImpl final : public KeyedDecoder {
       if (it.type == Type::Uid) targets.push_back(it.scalar);
     };
     std::vector<std::uint64_t>& elements = scratch_->elements;  // list entries: UIDs, or kInline
-    std::vector<std::string_view>& texts = scratch_->texts;      // plain strings' bytes, by UID
+    // Plain strings' bytes, by UID. Those of short strings are not checked for ASCII here (most are
+    // never read): readers check the few they use.
+    std::vector<std::string_view>& texts = scratch_->texts;
     elements.clear();
     texts.assign(count, std::string_view());
     const std::uint64_t object_count = v_.size();
@@ -785,7 +787,7 @@ class KeyedUnarchiverImpl final : public KeyedDecoder {
       if (std::optional<std::string_view> text = v_.ascii_at(ref)) {  // most entries: short strings
         if (*text == "$null") {
           kinds[uid] = kNil;
-        } else if (bplist::is_ascii(*text)) {
+        } else {
           texts[uid] = *text;
         }
         continue;
@@ -981,7 +983,7 @@ class KeyedUnarchiverImpl final : public KeyedDecoder {
       case Type::Utf8String:
       case Type::Utf16String:
         v.kind = Value::Kind::String;
-        if (scratch_->texts[uid].data() != nullptr) {
+        if (scratch_->texts[uid].data() != nullptr && bplist::is_ascii(scratch_->texts[uid])) {
           v.text = scratch_->texts[uid];
         } else {
           v.converted = true;
@@ -1043,7 +1045,7 @@ class KeyedUnarchiverImpl final : public KeyedDecoder {
         if (v_.text_equals(key_item.value(), key)) return v;
         continue;
       }
-      if (text == key) return v;
+      if (text == key && bplist::is_ascii(text)) return v;  // bytes beyond ASCII never equal a key (text_equals)
     }
     return 0;
   }
@@ -1071,7 +1073,7 @@ class KeyedUnarchiverImpl final : public KeyedDecoder {
       if (k == 0 || v == 0 || kinds[k] == kNil || kinds[v] == kNil) continue;
       if (kinds[k] != kValue) return;
       const std::string_view text = scratch_->texts[k];
-      if (text.data() == nullptr) return;
+      if (text.data() == nullptr || !bplist::is_ascii(text)) return;
       std::size_t j = bplist::hash_bytes(text) & mask;
       while (index.slots[j].first.data() != nullptr && index.slots[j].first != text) j = (j + 1) & mask;
       if (index.slots[j].first.data() == nullptr) index.slots[j] = {text, v};

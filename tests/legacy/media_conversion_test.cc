@@ -417,6 +417,23 @@ TEST(MediaConversion, ReadingOnlyTheTakenValuesConvertsExactlyAsDecodingWhole) {
            root.insert(root.begin(), {s.string("link"), 0});
          });
        }},
+      {"a byte beyond ASCII in ASCII-marked strings: values taken, and a key", Reads,
+       [&] {
+         std::string b = record([](Sketch& s, std::uint64_t, auto& root) {
+           root[0].second = s.string("7#_8");
+           root.insert(root.begin(), {s.string("id#"), s.string("9_9")});
+           root[1].second = s.string("https://l/#");  // the link, whose end becomes the code
+         });
+         for (std::string_view marked : {"7#_8", "id#", "https://l/#"}) {  // '#' becomes a Latin-1 e-acute
+           const std::size_t at = b.find(marked);
+           if (at == std::string::npos) {
+             ADD_FAILURE() << marked;
+             continue;
+           }
+           b[at + marked.find('#')] = '\xe9';
+         }
+         return b;
+       }},
       {"the same key twice: the first counts", Reads,
        [&] {
          return record([](Sketch& s, std::uint64_t, auto& root) { root.insert(root.begin(), {s.string("id"), s.string("7_8")}); });
