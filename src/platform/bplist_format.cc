@@ -542,7 +542,7 @@ std::uint32_t Builder::add_null() {
 }
 
 std::uint32_t Builder::add_uid(std::uint64_t v) {
-  if (v < (1u << 26)) {
+  if (v < kUniqueUids) {
     if (uids_.size() <= v) uids_.resize(std::max<std::size_t>(v + 1, uids_.size() * 2), 0);
     if (!uids_[v]) uids_[v] = push(scalar(Type::Uid, 0, v)) + 1;
     return uids_[v] - 1;
@@ -570,6 +570,21 @@ void Builder::set_array(std::uint32_t index, const std::uint32_t* refs, std::siz
 
 void Builder::set_dict(std::uint32_t index, const std::uint32_t* keys, const std::uint32_t* values, std::size_t n) {
   set_container(index, Type::Dict, keys, values, n);
+}
+
+const std::uint32_t* Builder::share_refs(const std::uint32_t* refs, std::size_t n) {
+  auto copy = std::make_unique_for_overwrite<std::uint32_t[]>(std::max<std::size_t>(n, 1));
+  if (n) std::memcpy(copy.get(), refs, n * sizeof(std::uint32_t));
+  shared_refs_.push_back(std::move(copy));
+  return shared_refs_.back().get();
+}
+
+void Builder::set_shared_array(std::uint32_t index, const std::uint32_t* shared, std::size_t n) {
+  Obj& o = objects_[index];
+  o.type = static_cast<std::uint8_t>(Type::Array);
+  o.flag = 0;
+  o.a = reinterpret_cast<std::uint64_t>(shared);
+  o.set_n(n);
 }
 
 namespace {

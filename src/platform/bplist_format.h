@@ -261,6 +261,12 @@ class Builder {
   // Containers at a reserved (or new) index; refs are indices of this builder.
   void set_array(std::uint32_t index, const std::uint32_t* refs, std::size_t n, bool is_set = false);
   void set_dict(std::uint32_t index, const std::uint32_t* keys, const std::uint32_t* values, std::size_t n);
+  // References several arrays hold alike (the keys of dictionaries of one shape): kept once by the
+  // builder, each such array reads the same copy instead of one of its own.
+  const std::uint32_t* share_refs(const std::uint32_t* refs, std::size_t n);
+  void set_shared_array(std::uint32_t index, const std::uint32_t* shared, std::size_t n);
+  // add_uid gives each value below this one object; larger values get one per call.
+  static constexpr std::uint64_t kUniqueUids = std::uint64_t{1} << 26;
   std::size_t object_count() const { return objects_.size(); }
   // Receives a file's bytes in order, in pieces.
   class Sink {
@@ -405,6 +411,7 @@ class Builder {
   static constexpr std::int64_t kSmallInts = 1024;
   std::uint32_t small_ints_[kSmallInts] = {};
   std::vector<std::uint32_t, PrefaultAllocator<std::uint32_t>> uids_;  // uid value -> index + 1
+  std::vector<std::unique_ptr<std::uint32_t[]>> shared_refs_;        // what share_refs keeps
   std::uint32_t bools_[2] = {0, 0}, null_ = 0;
 };
 

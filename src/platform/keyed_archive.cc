@@ -374,19 +374,84 @@ class Archiver final : public KeyedEncoder {
       Indices& vrefs = scratch.more_refs;
       krefs.clear();
       vrefs.clear();
-      for (std::uint32_t e = d.first; e != FlatGraph::kNone; e = graph.edge(e).next)
-        krefs.push_back(b_.add_uid(uid_of_node(graph, graph.edge(e).key)));
+      const SharedKeys* shared = known_keys(graph, d);
+      if (!shared) {
+        bool shareable = true;
+        for (std::uint32_t e = d.first; e != FlatGraph::kNone; e = graph.edge(e).next) {
+          const std::uint32_t uid = uid_of_node(graph, graph.edge(e).key);
+          shareable = shareable && uid < bplist::Builder::kUniqueUids;
+          krefs.push_back(b_.add_uid(uid));
+        }
+        if (shareable) shared = remember_keys(krefs);
+      }
       for (std::uint32_t e = d.first; e != FlatGraph::kNone; e = graph.edge(e).next)
         vrefs.push_back(b_.add_uid(uid_of_node(graph, graph.edge(e).value)));
-      dictionary_fields(krefs, vrefs);
+      if (shared) {
+        dictionary_fields(shared->refs, vrefs);
+      } else {
+        dictionary_fields(krefs, vrefs);
+      }
     }
     finish_entry(index, class_uid(graph.class_name(n), nullptr));
+  }
+
+  // Graphs of one conversion make dictionaries of a few shapes, each with the same constant keys in
+  // the same order: their key references are worked out once and the arrays share them. A later
+  // dictionary of a known shape needs no lookups for its keys, which have UIDs already and make no
+  // objects (so its other objects are numbered as they would be).
+  struct SharedKeys {
+    std::vector<const Object*> keys;
+    const std::uint32_t* refs = nullptr;
+  };
+  static constexpr std::size_t kMaxShapes = 256;  // beyond this many, dictionaries make their own arrays
+
+  // The shape of a dictionary whose keys are all existing strings, when it is known; null otherwise
+  // (its keys, if shareable, are then remembered by remember_keys once worked out).
+  const SharedKeys* known_keys(const FlatGraph& graph, const FlatGraph::Data& d) {
+    shape_.clear();
+    pending_shape_ = false;
+    if (d.count == 0) return nullptr;
+    std::uint64_t h = d.count;
+    for (std::uint32_t e = d.first; e != FlatGraph::kNone; e = graph.edge(e).next) {
+      const FlatGraph::Node k = graph.edge(e).key;
+      if (!FlatGraph::is_existing(k)) return nullptr;
+      const Object* o = graph.existing_object(k);
+      if (!o || o->kind() != ObjectKind::String) return nullptr;
+      shape_.push_back(o);
+      h = (h ^ reinterpret_cast<std::uintptr_t>(o)) * 0x9e3779b97f4a7c15ull;
+    }
+    shape_hash_ = h ^ (h >> 29);
+    auto it = shapes_.find(shape_hash_);
+    if (it == shapes_.end()) {
+      pending_shape_ = shapes_.size() < kMaxShapes;
+      return nullptr;
+    }
+    const SharedKeys& known = shared_keys_[it->second];
+    return known.keys == shape_ ? &known : nullptr;  // another shape with the same hash: not shared
+  }
+
+  const SharedKeys* remember_keys(const Indices& krefs) {
+    if (!pending_shape_) return nullptr;
+    pending_shape_ = false;
+    shapes_.emplace(shape_hash_, shared_keys_.size());
+    shared_keys_.push_back(SharedKeys{shape_, b_.share_refs(krefs.data(), krefs.size())});
+    return &shared_keys_.back();
   }
 
   // A dictionary's fields, from the UID references of its keys and of its values.
   void dictionary_fields(const Indices& krefs, const Indices& vrefs) {
     const std::uint32_t ka = b_.reserve();
     b_.set_array(ka, krefs.data(), krefs.size());
+    fields_with_keys(ka, vrefs);
+  }
+  // The same with keys that the builder keeps for several dictionaries (share_refs), one per value.
+  void dictionary_fields(const std::uint32_t* shared_keys, const Indices& vrefs) {
+    const std::uint32_t ka = b_.reserve();
+    b_.set_shared_array(ka, shared_keys, vrefs.size());
+    fields_with_keys(ka, vrefs);
+  }
+  // The values' array, then the two arrays as the entry's fields.
+  void fields_with_keys(std::uint32_t ka, const Indices& vrefs) {
     const std::uint32_t va = b_.reserve();
     b_.set_array(va, vrefs.data(), vrefs.size());
     Frame& f = frame();
@@ -651,6 +716,11 @@ class Archiver final : public KeyedEncoder {
   std::vector<Ref<Object>> kept_;  // streamed objects with parts still to write
   std::vector<std::uint32_t> graph_uids_;  // node -> UID, for the graph being written
   std::vector<const Object*> fields_;      // what prefetch_fields found, reused
+  std::deque<SharedKeys> shared_keys_;     // the dictionary shapes met in graphs (a deque: entries stay put)
+  std::unordered_map<std::uint64_t, std::size_t> shapes_;  // a shape's hash -> its entry
+  std::vector<const Object*> shape_;       // the keys of the dictionary being written
+  std::uint64_t shape_hash_ = 0;
+  bool pending_shape_ = false;             // shape_ is new and may be remembered
   bool in_graph_ = false;
   std::uint32_t ns_objects_ = UINT32_MAX, ns_keys_ = UINT32_MAX, ns_string_ = UINT32_MAX, ns_data_ = UINT32_MAX,
                 class_key_ = UINT32_MAX;

@@ -438,6 +438,17 @@ TEST(KeyedArchive, GraphsAreWrittenAsTheirObjectsAre) {
     g.append(list, g.existing(seven.get()));
     g.append(list, g.string("shared text"));  // equal text, another object: another UID
     g.append(list, g.array(true));
+    // Dictionaries whose keys are all constants, in two orders (one of them twice, nested): each
+    // shape's keys are worked out once per archive, and later dictionaries of that shape reuse them.
+    const FlatGraph::Node pair = g.dictionary(false), again = g.dictionary(true), swapped = g.dictionary(false);
+    g.put(pair, a, g.signed_number(1));
+    g.put(pair, b, shared);
+    g.put(again, a, g.string("x"));
+    g.put(again, b, pair);
+    g.put(swapped, b, g.signed_number(2));
+    g.put(swapped, a, g.existing(seven.get()));
+    g.append(list, again);
+    g.append(list, swapped);
     if (with_cycle) g.append(list, list);
     g.put(root, g.string("empty"), g.dictionary(true));
     return root;
