@@ -327,7 +327,7 @@ class Archiver final : public KeyedEncoder {
   static constexpr std::uint32_t kNoUid = UINT32_MAX;
 
   std::uint32_t uid_of_node(const FlatGraph& graph, FlatGraph::Node n) {
-    if (FlatGraph::is_existing(n)) return uid_of(graph.existing_object(n));
+    if (FlatGraph::is_existing(n)) return uid_of_constant(graph.existing_object(n));
     const FlatGraph::Data& d = graph.node(n);
     std::uint32_t& slot = graph_uids_[n];
     if (slot != kNoUid) return slot;
@@ -394,6 +394,20 @@ class Archiver final : public KeyedEncoder {
     }
     finish_entry(index, class_uid(graph.class_name(n), nullptr));
   }
+
+  // The UID of an object a graph refers to (written in place, the graph holds constants only): the
+  // same few are met in every graph, and are found by address before asking the object itself.
+  std::uint32_t uid_of_constant(const Object* o) {
+    KnownConstant& known = known_constants_[(reinterpret_cast<std::uintptr_t>(o) >> 4) % known_constants_.size()];
+    if (known.object == o && o) return known.uid;
+    const std::uint32_t uid = uid_of(o);
+    known = {o, uid};
+    return uid;
+  }
+  struct KnownConstant {
+    const Object* object = nullptr;
+    std::uint32_t uid = 0;
+  };
 
   // Graphs of one conversion make dictionaries of a few shapes, each with the same constant keys in
   // the same order: their key references are worked out once and the arrays share them. A later
@@ -716,6 +730,7 @@ class Archiver final : public KeyedEncoder {
   std::vector<Ref<Object>> kept_;  // streamed objects with parts still to write
   std::vector<std::uint32_t> graph_uids_;  // node -> UID, for the graph being written
   std::vector<const Object*> fields_;      // what prefetch_fields found, reused
+  std::array<KnownConstant, 256> known_constants_{};
   std::deque<SharedKeys> shared_keys_;     // the dictionary shapes met in graphs (a deque: entries stay put)
   std::unordered_map<std::uint64_t, std::size_t> shapes_;  // a shape's hash -> its entry
   std::vector<const Object*> shape_;       // the keys of the dictionary being written
