@@ -430,14 +430,16 @@ class Archiver final : public KeyedEncoder {
       const FlatGraph::Node k = graph.edge(e).key;
       if (!FlatGraph::is_existing(k)) return nullptr;
       const Object* o = graph.existing_object(k);
-      if (!o || o->kind() != ObjectKind::String) return nullptr;
       shape_.push_back(o);
       h = (h ^ reinterpret_cast<std::uintptr_t>(o)) * 0x9e3779b97f4a7c15ull;
     }
     shape_hash_ = h ^ (h >> 29);
     auto it = shapes_.find(shape_hash_);
     if (it == shapes_.end()) {
-      pending_shape_ = shapes_.size() < kMaxShapes;
+      // Only strings, which are written in place and make nothing else (the objects themselves are
+      // read for a new shape only).
+      pending_shape_ = shapes_.size() < kMaxShapes &&
+                       std::all_of(shape_.begin(), shape_.end(), [](const Object* o) { return o && o->kind() == ObjectKind::String; });
       return nullptr;
     }
     const SharedKeys& known = shared_keys_[it->second];
