@@ -772,6 +772,7 @@ class PieceWriter {
 class StringSink final : public Builder::Sink {
  public:
   explicit StringSink(std::string& out) : out_(out) {}
+  bool wants_size() const override { return true; }  // one allocation rather than growing by copies
   void expect(std::uint64_t total) override { out_.reserve(total); }
   bool put(std::string_view piece) override {
     out_.append(piece);
@@ -971,7 +972,7 @@ class OrderedPieces {
   OrderedPieces(std::size_t n, Builder::Sink& sink, std::size_t max_buffered, Size size, Fill fill, Stream stream,
                 Handed handed)
       : n_(n), sink_(sink), max_buffered_(max_buffered), size_(std::move(size)), fill_(std::move(fill)),
-        stream_(std::move(stream)), handed_fn_(std::move(handed)), ready_(n, 0) {}
+        stream_(std::move(stream)), handed_fn_(std::move(handed)), ready_(n, 0), sizes_(n, 0) {}
 
   bool run() {
     on_two_threads([this] { work(); });
@@ -991,7 +992,10 @@ class OrderedPieces {
         changed_.wait(lock, [&] { return failed_ || next_ >= n_ || next_ < handed_ + kAhead; });
         if (failed_ || next_ >= n_) return;
         const std::size_t c = next_++;
-        const std::size_t bytes = size_(c);
+        lock.unlock();
+        const std::size_t bytes = size_(c);  // worked out once, by the thread that makes the piece
+        lock.lock();
+        sizes_[c] = bytes;
         if (bytes > max_buffered_) {
           changed_.wait(lock, [&] { return failed_ || (handed_ == c && !handing_); });
           if (failed_) return;
@@ -1033,7 +1037,7 @@ class OrderedPieces {
     while (!failed_ && handed_ < n_ && ready_[handed_]) {
       const std::size_t c = handed_;
       lock.unlock();
-      const bool ok = sink_.put(std::string_view(buffers_[c % kAhead].bytes.get(), size_(c)));
+      const bool ok = sink_.put(std::string_view(buffers_[c % kAhead].bytes.get(), sizes_[c]));
       if (ok && handed_fn_) handed_fn_(c);
       lock.lock();
       if (!ok) failed_ = true;
@@ -1054,6 +1058,7 @@ class OrderedPieces {
   std::mutex mutex_;
   std::condition_variable changed_;
   std::vector<unsigned char> ready_;  // piece made and waiting in its buffer
+  std::vector<std::size_t> sizes_;    // each piece's size, once worked out
   Buffer buffers_[kAhead];
   std::size_t next_ = 0;    // the next piece to make
   std::size_t handed_ = 0;  // pieces handed on so far
@@ -1129,22 +1134,35 @@ bool Builder::write_parallel(std::uint32_t top, Sink& sink, unsigned ref_size, c
   const std::size_t runs = (count + run - 1) / run;
   auto run_begin = [&](std::size_t r) { return r * run; };
   auto run_end = [&](std::size_t r) { return std::min(count, (r + 1) * run); };
-  std::vector<std::uint64_t> start(runs + 1);  // byte offset of each run; start[runs]: end of the objects
-  for_each_on_two_threads(runs, [&](std::size_t r) {
+  // Each run's bytes, then (summed) the byte offset of each run; start[runs]: the end of the objects.
+  std::vector<std::uint64_t> start(runs + 1);
+  auto size_run = [&](std::size_t r) {
     std::uint64_t bytes = 0;
     for (std::size_t i = run_begin(r); i < run_end(r); ++i) bytes += encoded_size(objects_[i], ref_size);
     start[r + 1] = bytes;
-  });
-  start[0] = 8;
-  for (std::size_t r = 0; r < runs; ++r) start[r + 1] += start[r];
-  const std::uint64_t objects_end = start[runs];
-  const unsigned offset_size = size_for(objects_end);
-  sink.expect(objects_end + count * offset_size + 32);
+    return static_cast<std::size_t>(bytes);
+  };
+  auto sum_starts = [&] {
+    start[0] = 8;
+    for (std::size_t r = 0; r < runs; ++r) start[r + 1] += start[r];
+  };
+  // The objects' offsets are needed only for the table that follows them: each run is sized by the
+  // thread that encodes it, and the first bytes leave at once. Only a sink that asks for the file's
+  // size before its first piece waits for every run to be sized.
+  const bool sized_first = sink.wants_size();
+  if (sized_first) {
+    for_each_on_two_threads(runs, [&](std::size_t r) { size_run(r); });
+    sum_starts();
+    sink.expect(start[runs] + count * size_for(start[runs]) + 32);
+  }
   if (!sink.put("bplist00")) return false;
 
   const std::size_t max_buffered = std::max<std::size_t>(options.max_buffered, 1);
   OrderedPieces objects(
-      runs, sink, max_buffered, [&](std::size_t r) { return static_cast<std::size_t>(start[r + 1] - start[r]); },
+      runs, sink, max_buffered,
+      [&](std::size_t r) {
+        return sized_first ? static_cast<std::size_t>(start[r + 1] - start[r]) : size_run(r);
+      },
       [&](std::size_t r, char* out) { encode_objects(run_begin(r), run_end(r), ref_size, out); },
       [&](std::size_t r, Sink& s) {
         PieceWriter w(s, false);
@@ -1157,6 +1175,9 @@ bool Builder::write_parallel(std::uint32_t top, Sink& sink, unsigned ref_size, c
         if (drain) drain->arena_.release_below(static_cast<std::uint32_t>(run_end(r)));
       });
   if (!objects.run()) return false;
+  if (!sized_first) sum_starts();
+  const std::uint64_t objects_end = start[runs];
+  const unsigned offset_size = size_for(objects_end);
 
   OrderedPieces table(
       runs, sink, max_buffered, [&](std::size_t r) { return (run_end(r) - run_begin(r)) * offset_size; },

@@ -272,7 +272,11 @@ class Builder {
   class Sink {
    public:
     virtual ~Sink() = default;
-    virtual void expect(std::uint64_t total_size) { (void)total_size; }  // called once, before any piece
+    // The file's size, once, before any piece: when the writer knows it up front (one thread), or
+    // when the sink wants it (two threads otherwise size each run as they encode it, so that the first
+    // pieces leave before the last runs are sized).
+    virtual void expect(std::uint64_t total_size) { (void)total_size; }
+    virtual bool wants_size() const { return false; }
     virtual bool put(std::string_view piece) = 0;                      // false stops the writing
     // Called once the whole file has been handed over (never when the writing stopped), before the
     // builder's memory is given back: a sink that passes the file on does it here, and the receiver

@@ -343,7 +343,12 @@ TEST(BinaryPlist, WritingInPiecesGivesTheSameBytes) {
       std::uint64_t expected = 0;
       std::size_t count = 0;
       std::size_t finished_at = 0;  // pieces seen when told the file was whole, plus one
-      void expect(std::uint64_t total) override { expected = total; }
+      bool wants = false;           // asks for the file's size before its first piece
+      bool wants_size() const override { return wants; }
+      void expect(std::uint64_t total) override {
+        EXPECT_EQ(count, 0u) << "the size after a piece";
+        expected = total;
+      }
       bool put(std::string_view piece) override {
         EXPECT_EQ(finished_at, 0u) << "a piece after the end";
         bytes.append(piece);
@@ -374,13 +379,18 @@ TEST(BinaryPlist, WritingInPiecesGivesTheSameBytes) {
     using Options = bplist::Builder::WriteOptions;
     for (const Options& options : {Options{1}, Options{2, 7, 1 << 16}, Options{2, 1000, 8 << 20},
                                    Options{2, 65536, 8 << 20}, Options{2, 70000, 1}}) {
-      SCOPED_TRACE(testing::Message() << options.threads << " threads, runs of " << options.run_objects);
-      Pieces pieces;
-      ASSERT_TRUE(b.write_to(top, pieces, options));
-      EXPECT_EQ(pieces.expected, whole.size());
-      EXPECT_GT(pieces.count, 5u);
-      EXPECT_EQ(pieces.finished_at, pieces.count + 1);
-      EXPECT_TRUE(pieces.bytes == whole);
+      for (const bool wants : {true, false}) {
+        SCOPED_TRACE(testing::Message() << options.threads << " threads, runs of " << options.run_objects
+                                        << (wants ? ", size wanted" : ""));
+        Pieces pieces;
+        pieces.wants = wants;
+        ASSERT_TRUE(b.write_to(top, pieces, options));
+        // One thread knows the size before it writes; two size each run as they encode it, unless asked.
+        EXPECT_EQ(pieces.expected, wants || options.threads == 1 ? whole.size() : 0u);
+        EXPECT_GT(pieces.count, 5u);
+        EXPECT_EQ(pieces.finished_at, pieces.count + 1);
+        EXPECT_TRUE(pieces.bytes == whole);
+      }
     }
     auto back = read_binary_plist(whole);
     ASSERT_TRUE(back.ok()) << back.error().message;
