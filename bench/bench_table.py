@@ -27,12 +27,12 @@ class Table:
         except (KeyError, ValueError):
             return None
 
-    def row(self, label, *cells):
-        self.lines.append(f"  {label:<48}" + "".join(f"{c:>16}" for c in cells))
+    def row(self, label, *cells, width=16):
+        self.lines.append(f"  {label:<48}" + "".join(f"{c:>{width}}" for c in cells))
 
-    def head(self, title, *cells):
+    def head(self, title, *cells, width=16):
         self.lines.append("")
-        self.lines.append(f"{title:<50}" + "".join(f"{c:>16}" for c in cells))
+        self.lines.append(f"{title:<50}" + "".join(f"{c:>{width}}" for c in cells))
 
 
 def fmt(x, unit=""):
@@ -147,6 +147,33 @@ def main():
         t.row(label, fmt(a, "x"), fmt(b, "x"), f"<= {target:g}",
               "ok" if verdict(a, target, better) == "ok" and verdict(b, target, better) == "ok" else
               ("-" if a is None and b is None else "MISSED"))
+
+    # The fastest runs of two measurements may come from different minutes; the same ratios taken
+    # within each round compare runs made one after the other.
+    rounds = int(n("runs") or 1)
+    if rounds > 1:
+        def spread(fn):
+            values = sorted(r for r in (fn(i) for i in range(1, rounds + 1)) if r is not None)
+            if not values:
+                return "-"
+            mid = len(values) // 2
+            median = values[mid] if len(values) % 2 else (values[mid - 1] + values[mid]) / 2
+            return f"{median:.2f}x [{values[0]:.2f}-{values[-1]:.2f}]"
+
+        def rn(size, i, key):
+            return n(f"{size}.round{i}.{key}")
+
+        t.head(f"The same ratios round by round: median [lowest-highest] of {rounds}", "x1", "x2", "target", width=20)
+        for label, key in [("x2/x1 --direct wall", "direct.wall"), ("x2/x1 --direct cpu", "direct.cpu"),
+                           ("x2/x1 bus client wall", "bus.wall")]:
+            t.row(label, "", spread(lambda i: ratio(rn("x2", i, key), rn("x1", i, key))), "<= 2.2", width=20)
+        for label, a_key, b_key, target in [
+            ("bus / direct wall", "bus.wall", "direct.wall", 1.2),
+            ("--direct wall / floor", "direct.wall", "floor.total", 3.0),
+            ("in-process import / floor", "stage.total.wall", "floor.total", 3.0),
+        ]:
+            t.row(label, *(spread(lambda i, s=size: ratio(rn(s, i, a_key), rn(s, i, b_key))) for size in ("x1", "x2")),
+                  f"<= {target:g}", width=20)
 
     objects = v.get("keyed.objects", "?")
     t.head("Codecs on the same records", "ours", "theirs", "theirs/ours", "target")
