@@ -27,13 +27,6 @@ namespace {
 using Clock = std::chrono::steady_clock;
 using CallResult = sdbus::Result<bool, sdbus::UnixFd>;
 
-// The last holder of a memory file to close it frees its pages, which takes a while for a large
-// archive (about 80 ms for 500 MB). The service keeps its own handle on each reply's file this long
-// after sending it, so that the caller, done with it by then, closes it at once and the service frees
-// it afterwards, on a background thread. A caller that holds it longer frees it itself, as it would
-// anyway.
-constexpr auto kReplyKept = std::chrono::seconds(5);
-
 // Error sent only when not even an empty memory file can be made for a reply.
 constexpr const char* kReplyFailedError = "com.brenvik.Orvia4Importer.Error.ReplyFailed";
 
@@ -180,7 +173,8 @@ struct BusService::Impl {
         if (posted.fd) {
           UniqueFd kept(::fcntl(posted.fd.get(), F_DUPFD_CLOEXEC, 0));  // none: the caller frees it, as before
           it->second.returnResults(posted.success, sdbus::UnixFd(posted.fd.release(), sdbus::adopt_fd));
-          if (kept) kept_replies.emplace_back(Clock::now() + kReplyKept, std::move(kept));
+          // Freeing 500 MB takes about 80 ms here; a caller that holds the file longer frees it itself.
+          if (kept) kept_replies.emplace_back(Clock::now() + options.reply_kept, std::move(kept));
         } else {
           it->second.returnError(sdbus::Error(kReplyFailedError, "the reply could not be prepared"));
         }

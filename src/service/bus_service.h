@@ -24,6 +24,10 @@ struct BusServiceOptions {
   std::chrono::milliseconds idle_exit = std::chrono::seconds(60);
   // The bus to serve; empty: the session bus (DBUS_SESSION_BUS_ADDRESS).
   std::string bus_address;
+  // How long the service keeps its own handle on a reply's memory file after sending it. The last
+  // holder to close the file frees its pages, which takes a while for a large archive: kept, the file
+  // is freed by the service on a background thread, and the caller's close returns at once.
+  std::chrono::milliseconds reply_kept = std::chrono::seconds(5);
 };
 
 // A call's reply, from any thread: (success, archive or null), whose bytes are copied before it

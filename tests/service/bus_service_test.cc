@@ -4,10 +4,12 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include <algorithm>
 #include <cstdlib>
 #include <condition_variable>
+#include <filesystem>
 #include <future>
 #include <mutex>
 #include <sdbus-c++/sdbus-c++.h>
@@ -34,8 +36,9 @@ constexpr auto kPatience = 30s;
 // Runs a BusService on its own thread, as the service program does.
 class ServiceThread {
  public:
-  ServiceThread(const std::string& address, RequestHandler handler, std::chrono::milliseconds idle = 0ms)
-      : service_(BusServiceOptions{idle, address}, std::move(handler)) {
+  ServiceThread(const std::string& address, RequestHandler handler, std::chrono::milliseconds idle = 0ms,
+                std::chrono::milliseconds reply_kept = 5s)
+      : service_(BusServiceOptions{idle, address, reply_kept}, std::move(handler)) {
     result_ = std::async(std::launch::async, [this] { return service_.run(); });
   }
   ~ServiceThread() {
@@ -109,10 +112,24 @@ TEST_F(BusServiceTest, RepliesReachTheirOwnCallersWhateverTheOrder) {
   EXPECT_EQ(handler_threads.count(std::this_thread::get_id()), 0u);
 }
 
+// Descriptors of this process open on the same file as `fd`, other than `fd` itself.
+int other_handles_on(int fd) {
+  struct stat target {};
+  if (::fstat(fd, &target) != 0) return -1;
+  int count = 0;
+  for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+    const int other = std::atoi(entry.path().filename().c_str());
+    struct stat st {};
+    if (other != fd && ::fstat(other, &st) == 0 && st.st_dev == target.st_dev && st.st_ino == target.st_ino) ++count;
+  }
+  return count;
+}
+
 TEST_F(BusServiceTest, LargeArchiveArrivesAsASealedMemoryFileIntact) {
   std::string archive(8 << 20, '\0');
   for (std::size_t i = 0; i < archive.size(); ++i) archive[i] = static_cast<char>((i * 131) >> 3);
-  ServiceThread service(bus_.address(), [&](BusReply reply) { reply(true, &archive); });
+  // The service keeps its own handle on the file a while after replying, then lets go of it.
+  ServiceThread service(bus_.address(), [&](BusReply reply) { reply(true, &archive); }, 0ms, 3s);
   wait_until_serving();
 
   auto connection = sdbus::createSessionBusConnectionWithAddress(bus_.address());
@@ -126,6 +143,10 @@ TEST_F(BusServiceTest, LargeArchiveArrivesAsASealedMemoryFileIntact) {
   auto bytes = read_whole_fd(fd.get(), std::size_t{1} << 30);
   ASSERT_TRUE(bytes.ok()) << bytes.error().message;
   EXPECT_TRUE(bytes.value() == archive);
+  EXPECT_EQ(other_handles_on(fd.get()), 1) << "the service's own handle, kept after the reply";
+  const auto deadline = std::chrono::steady_clock::now() + kPatience;
+  while (other_handles_on(fd.get()) != 0 && std::chrono::steady_clock::now() < deadline) std::this_thread::sleep_for(50ms);
+  EXPECT_EQ(other_handles_on(fd.get()), 0) << "the service lets go of it once its time is up";
 }
 
 TEST_F(BusServiceTest, EveryCallIsAnsweredExactlyOnceWhateverTheHandlerDoes) {
