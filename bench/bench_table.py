@@ -1,5 +1,6 @@
 #!/usr/bin/env python3
 """Prints the table of scripts/bench from its results file ("key value" lines)."""
+import statistics
 import sys
 
 MB = 1e6
@@ -156,9 +157,7 @@ def main():
             values = sorted(r for r in (fn(i) for i in range(1, rounds + 1)) if r is not None)
             if not values:
                 return "-"
-            mid = len(values) // 2
-            median = values[mid] if len(values) % 2 else (values[mid - 1] + values[mid]) / 2
-            return f"{median:.2f}x [{values[0]:.2f}-{values[-1]:.2f}]"
+            return f"{statistics.median(values):.2f}x [{values[0]:.2f}-{values[-1]:.2f}]"
 
         def rn(size, i, key):
             return n(f"{size}.round{i}.{key}")
