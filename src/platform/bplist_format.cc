@@ -900,21 +900,22 @@ void Builder::stream_objects(std::size_t begin, std::size_t end, unsigned ref_si
 }
 
 char* Builder::encode_offsets(std::size_t begin, std::size_t end, std::uint64_t& offset, unsigned offset_size,
-                              unsigned ref_size, char* p) const {
+                              unsigned ref_size, const std::uint32_t* sizes, char* p) const {
   for (std::size_t i = begin; i < end; ++i) {
     p = store_be(p, offset, offset_size);
-    offset += encoded_size(objects_[i], ref_size);
+    offset += sizes ? sizes[i - begin] : encoded_size(objects_[i], ref_size);
   }
   return p;
 }
 
 template <class Writer>
 void Builder::stream_offsets(std::size_t begin, std::size_t end, std::uint64_t offset, unsigned offset_size,
-                             unsigned ref_size, Writer& w) const {
+                             unsigned ref_size, const std::uint32_t* sizes, Writer& w) const {
   const std::size_t per_piece = Writer::kCapacity / offset_size;
   for (std::size_t i = begin; i < end && w.ok(); i += per_piece) {
     const std::size_t last = std::min(end, i + per_piece);
-    w.commit(encode_offsets(i, last, offset, offset_size, ref_size, w.room((last - i) * offset_size)));
+    w.commit(encode_offsets(i, last, offset, offset_size, ref_size, sizes ? sizes + (i - begin) : nullptr,
+                            w.room((last - i) * offset_size)));
   }
 }
 
@@ -1080,12 +1081,29 @@ bool Builder::write_to(std::uint32_t top, Sink& sink, const WriteOptions& option
   return write_any(top, sink, options, nullptr);
 }
 
+namespace {
+
+// Frees a table, its pages given back to the system at once: the allocator would keep them a while,
+// and the sink that takes the file in memory can use them.
+template <class Vector>
+void free_now(Vector& v) {
+  give_back_pages(v.data(), v.size() * sizeof(typename Vector::value_type));
+  Vector().swap(v);
+}
+
+}  // namespace
+
 bool Builder::drain_to(std::uint32_t top, Sink& sink, const WriteOptions& options) {
   // The tables that find equal values are not needed for writing.
-  strings_ = BytesTable{};
-  datas_ = BytesTable{};
-  ints_ = reals_ = dates_ = uints_ = ScalarTable{};
-  uids_ = {};
+  for (BytesTable* t : {&strings_, &datas_}) {
+    free_now(t->slots);
+    t->used = 0;
+  }
+  for (ScalarTable* t : {&ints_, &reals_, &dates_, &uints_}) {
+    free_now(t->slots);
+    t->used = 0;
+  }
+  free_now(uids_);
   const bool whole = write_any(top, sink, options, this);
   *this = Builder();
   return whole;
@@ -1118,7 +1136,7 @@ bool Builder::write_serial(std::uint32_t top, Sink& sink, unsigned ref_size) con
   std::memcpy(p, "bplist00", 8);
   w.commit(p + 8);
   stream_objects(0, count, ref_size, w);
-  stream_offsets(0, count, 8, offset_size, ref_size, w);
+  stream_offsets(0, count, 8, offset_size, ref_size, nullptr, w);
   p = w.room(32);
   w.commit(store_trailer(p, offset_size, ref_size, count, top, objects_end));
   return w.finish();
@@ -1134,11 +1152,31 @@ bool Builder::write_parallel(std::uint32_t top, Sink& sink, unsigned ref_size, c
   const std::size_t runs = (count + run - 1) / run;
   auto run_begin = [&](std::size_t r) { return r * run; };
   auto run_end = [&](std::size_t r) { return std::min(count, (r + 1) * run); };
+  // The objects' offsets are needed only for the table that follows them: each run is sized by the
+  // thread that encodes it, and the first bytes leave at once. Only a sink that asks for the file's
+  // size before its first piece waits for every run to be sized.
+  const bool sized_first = sink.wants_size();
+  // A builder that is drained keeps each run's encoded sizes (4 bytes an object) as the run is sized,
+  // so that the run's objects (16 bytes each) go back once its bytes are handed on rather than after
+  // the whole file: the sink that holds the file in memory takes their pages meanwhile. (Sized first,
+  // every run would hold its sizes at once; a run with an object of 4 GB or more keeps its objects.)
+  const bool record_sizes = drain && !sized_first;
+  std::vector<std::unique_ptr<std::uint32_t[]>> sizes(record_sizes ? runs : 0);
   // Each run's bytes, then (summed) the byte offset of each run; start[runs]: the end of the objects.
   std::vector<std::uint64_t> start(runs + 1);
   auto size_run = [&](std::size_t r) {
     std::uint64_t bytes = 0;
-    for (std::size_t i = run_begin(r); i < run_end(r); ++i) bytes += encoded_size(objects_[i], ref_size);
+    std::unique_ptr<std::uint32_t[]> kept;
+    if (record_sizes) kept = std::make_unique_for_overwrite<std::uint32_t[]>(run_end(r) - run_begin(r));
+    for (std::size_t i = run_begin(r); i < run_end(r); ++i) {
+      const std::uint64_t size = encoded_size(objects_[i], ref_size);
+      if (kept) {
+        if (size > std::numeric_limits<std::uint32_t>::max()) kept.reset();
+        else kept[i - run_begin(r)] = static_cast<std::uint32_t>(size);
+      }
+      bytes += size;
+    }
+    if (record_sizes) sizes[r] = std::move(kept);
     start[r + 1] = bytes;
     return static_cast<std::size_t>(bytes);
   };
@@ -1146,10 +1184,6 @@ bool Builder::write_parallel(std::uint32_t top, Sink& sink, unsigned ref_size, c
     start[0] = 8;
     for (std::size_t r = 0; r < runs; ++r) start[r + 1] += start[r];
   };
-  // The objects' offsets are needed only for the table that follows them: each run is sized by the
-  // thread that encodes it, and the first bytes leave at once. Only a sink that asks for the file's
-  // size before its first piece waits for every run to be sized.
-  const bool sized_first = sink.wants_size();
   if (sized_first) {
     for_each_on_two_threads(runs, [&](std::size_t r) { size_run(r); });
     sum_starts();
@@ -1158,6 +1192,7 @@ bool Builder::write_parallel(std::uint32_t top, Sink& sink, unsigned ref_size, c
   if (!sink.put("bplist00")) return false;
 
   const std::size_t max_buffered = std::max<std::size_t>(options.max_buffered, 1);
+  std::size_t objects_released = 0;  // runs [0, objects_released) have given their objects back
   OrderedPieces objects(
       runs, sink, max_buffered,
       [&](std::size_t r) {
@@ -1170,28 +1205,36 @@ bool Builder::write_parallel(std::uint32_t top, Sink& sink, unsigned ref_size, c
         return w.finish();
       },
       // Once a run is handed on, the bytes of its strings and data and its containers' references
-      // are not read again: the offset table needs the objects alone.
+      // are not read again, nor its objects once their sizes are kept (the runs before it alike).
       [&](std::size_t r) {
-        if (drain) drain->arena_.release_below(static_cast<std::uint32_t>(run_end(r)));
+        if (!drain) return;
+        drain->arena_.release_below(static_cast<std::uint32_t>(run_end(r)));
+        if (record_sizes && objects_released == r && sizes[r]) {
+          drain->objects_.release_below(run_end(r));
+          objects_released = r + 1;
+        }
       });
   if (!objects.run()) return false;
   if (!sized_first) sum_starts();
   const std::uint64_t objects_end = start[runs];
   const unsigned offset_size = size_for(objects_end);
+  auto sizes_of = [&](std::size_t r) -> const std::uint32_t* { return record_sizes ? sizes[r].get() : nullptr; };
 
   OrderedPieces table(
       runs, sink, max_buffered, [&](std::size_t r) { return (run_end(r) - run_begin(r)) * offset_size; },
       [&](std::size_t r, char* out) {
         std::uint64_t offset = start[r];
-        encode_offsets(run_begin(r), run_end(r), offset, offset_size, ref_size, out);
+        encode_offsets(run_begin(r), run_end(r), offset, offset_size, ref_size, sizes_of(r), out);
       },
       [&](std::size_t r, Sink& s) {
         PieceWriter w(s, false);
-        stream_offsets(run_begin(r), run_end(r), start[r], offset_size, ref_size, w);
+        stream_offsets(run_begin(r), run_end(r), start[r], offset_size, ref_size, sizes_of(r), w);
         return w.finish();
       },
       [&](std::size_t r) {
-        if (drain) drain->objects_.release_below(run_end(r));
+        if (!drain) return;
+        drain->objects_.release_below(run_end(r));
+        if (record_sizes) sizes[r].reset();
       });
   if (!table.run()) return false;
   char trailer[32];

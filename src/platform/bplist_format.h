@@ -380,12 +380,13 @@ class Builder {
   template <class Writer>
   void stream_objects(std::size_t begin, std::size_t end, unsigned ref_size, Writer& w) const;
   // Offset-table entries of objects [begin, end), the first object lying at `offset` (advanced past
-  // the last); written at p, or handed to a piece writer.
+  // the last); written at p, or handed to a piece writer. `sizes`, when given, holds the objects'
+  // encoded sizes, worked out before (the objects themselves may be gone).
   char* encode_offsets(std::size_t begin, std::size_t end, std::uint64_t& offset, unsigned offset_size,
-                       unsigned ref_size, char* p) const;
+                       unsigned ref_size, const std::uint32_t* sizes, char* p) const;
   template <class Writer>
   void stream_offsets(std::size_t begin, std::size_t end, std::uint64_t offset, unsigned offset_size,
-                      unsigned ref_size, Writer& w) const;
+                      unsigned ref_size, const std::uint32_t* sizes, Writer& w) const;
   bool write_any(std::uint32_t top, Sink& sink, const WriteOptions& options, Builder* drain) const;
   bool write_serial(std::uint32_t top, Sink& sink, unsigned ref_size) const;
   // With `drain`, the builder's memory is given back as the pieces made from it are handed on.

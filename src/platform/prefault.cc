@@ -88,9 +88,11 @@ void ResidentBlockFree::operator()(std::byte* p) const noexcept { ::operator del
 
 void give_back(ResidentBlock& block) noexcept {
   if (!block) return;
-  advise_whole_pages(block.get(), kResidentBlock, MADV_DONTNEED);
+  give_back_pages(block.get(), kResidentBlock);
   block.reset();
 }
+
+void give_back_pages(void* p, std::size_t bytes) noexcept { advise_whole_pages(p, bytes, MADV_DONTNEED); }
 
 ResidentBlock resident_block() {
   Prepared& s = prepared();

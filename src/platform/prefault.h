@@ -52,6 +52,10 @@ ResidentBlock resident_block();
 // what it writes (a memory file).
 void give_back(ResidentBlock& block) noexcept;
 
+// Gives the whole pages within [p, p + bytes) back to the system, for memory about to be freed that
+// the allocator would otherwise keep resident a while. They read as zeros if touched again.
+void give_back_pages(void* p, std::size_t bytes) noexcept;
+
 // Makes blocks resident ahead of the builder that will take them, on a thread that runs only when a
 // core would otherwise be idle: an import leaves one core idle while it reads the preferences and
 // exports, then keeps both busy while it archives. Blocks nobody took are freed when the last
