@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/eventfd.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -171,9 +172,13 @@ struct BusService::Impl {
       if (it == outstanding.end()) continue;
       try {
         if (posted.fd) {
-          UniqueFd kept(::fcntl(posted.fd.get(), F_DUPFD_CLOEXEC, 0));  // none: the caller frees it, as before
-          it->second.returnResults(posted.success, sdbus::UnixFd(posted.fd.release(), sdbus::adopt_fd));
           // Freeing 500 MB takes about 80 ms here; a caller that holds the file longer frees it itself.
+          // Small files are not kept: a burst of them would wake a background thread for each.
+          struct stat st {};
+          UniqueFd kept(::fstat(posted.fd.get(), &st) == 0 && st.st_size >= BusServiceOptions::kKeptFrom
+                            ? ::fcntl(posted.fd.get(), F_DUPFD_CLOEXEC, 0)
+                            : -1);  // none: the caller frees it
+          it->second.returnResults(posted.success, sdbus::UnixFd(posted.fd.release(), sdbus::adopt_fd));
           if (kept) kept_replies.emplace_back(Clock::now() + options.reply_kept, std::move(kept));
         } else {
           it->second.returnError(sdbus::Error(kReplyFailedError, "the reply could not be prepared"));

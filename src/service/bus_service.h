@@ -10,6 +10,8 @@
 // instance for the next call.
 #pragma once
 
+#include <sys/types.h>
+
 #include <chrono>
 #include <functional>
 #include <memory>
@@ -26,8 +28,10 @@ struct BusServiceOptions {
   std::string bus_address;
   // How long the service keeps its own handle on a reply's memory file after sending it. The last
   // holder to close the file frees its pages, which takes a while for a large archive: kept, the file
-  // is freed by the service on a background thread, and the caller's close returns at once.
+  // is freed by the service on a background thread, and the caller's close returns at once. Only
+  // files of kKeptFrom bytes or more are kept: a smaller one is freed in under a millisecond.
   std::chrono::milliseconds reply_kept = std::chrono::seconds(5);
+  static constexpr off_t kKeptFrom = off_t{4} << 20;
 };
 
 // A call's reply, from any thread: (success, archive or null), whose bytes are copied before it

@@ -5,8 +5,10 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cstdlib>
 #include <condition_variable>
 #include <filesystem>
@@ -128,14 +130,18 @@ int other_handles_on(int fd) {
 TEST_F(BusServiceTest, LargeArchiveArrivesAsASealedMemoryFileIntact) {
   std::string archive(8 << 20, '\0');
   for (std::size_t i = 0; i < archive.size(); ++i) archive[i] = static_cast<char>((i * 131) >> 3);
-  // The service keeps its own handle on the file a while after replying, then lets go of it.
-  ServiceThread service(bus_.address(), [&](BusReply reply) { reply(true, &archive); }, 0ms, 3s);
+  const std::string small(BusServiceOptions::kKeptFrom - 1, 's');
+  // The service keeps its own handle on a large file a while after replying, then lets go of it; a
+  // smaller one is the caller's alone at once.
+  std::atomic<int> calls = 0;
+  ServiceThread service(bus_.address(), [&](BusReply reply) { reply(true, calls++ == 0 ? &archive : &small); }, 0ms,
+                        3s);
   wait_until_serving();
 
   auto connection = sdbus::createSessionBusConnectionWithAddress(bus_.address());
   auto proxy = sdbus::createProxy(*connection, kBusName, kObjectPath);
   bool success = false;
-  sdbus::UnixFd fd;
+  sdbus::UnixFd fd, small_fd;
   proxy->callMethod(kMethodName).onInterface(kInterfaceName).withTimeout(kPatience).storeResultsTo(success, fd);
   EXPECT_TRUE(success);
   ASSERT_GE(fd.get(), 0);
@@ -147,6 +153,12 @@ TEST_F(BusServiceTest, LargeArchiveArrivesAsASealedMemoryFileIntact) {
   const auto deadline = std::chrono::steady_clock::now() + kPatience;
   while (other_handles_on(fd.get()) != 0 && std::chrono::steady_clock::now() < deadline) std::this_thread::sleep_for(50ms);
   EXPECT_EQ(other_handles_on(fd.get()), 0) << "the service lets go of it once its time is up";
+
+  proxy->callMethod(kMethodName).onInterface(kInterfaceName).withTimeout(kPatience).storeResultsTo(success, small_fd);
+  EXPECT_TRUE(success);
+  ASSERT_GE(small_fd.get(), 0);
+  EXPECT_EQ(::lseek(small_fd.get(), 0, SEEK_END), static_cast<off_t>(small.size()));
+  EXPECT_EQ(other_handles_on(small_fd.get()), 0) << "a small file is not kept";
 }
 
 TEST_F(BusServiceTest, EveryCallIsAnsweredExactlyOnceWhateverTheHandlerDoes) {
