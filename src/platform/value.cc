@@ -73,9 +73,10 @@ Ref<Null> Null::shared() {
 
 std::ptrdiff_t Dictionary::find(std::string_view key) const {
   if (entries_.size() >= kIndexThreshold) {
-    if (!index_) build_index();
-    auto it = index_->find(key);
-    return it == index_->end() ? -1 : static_cast<std::ptrdiff_t>(it->second);
+    const Index* index = index_.load(std::memory_order_acquire);
+    if (!index) index = build_index();
+    auto it = index->find(key);
+    return it == index->end() ? -1 : static_cast<std::ptrdiff_t>(it->second);
   }
   for (std::size_t i = 0; i < entries_.size(); ++i) {
     const String* s = as_string(entries_[i].first.get());
@@ -84,13 +85,20 @@ std::ptrdiff_t Dictionary::find(std::string_view key) const {
   return -1;
 }
 
-void Dictionary::build_index() const {
-  index_ = std::make_unique<std::unordered_map<std::string_view, std::size_t>>();
-  index_->reserve(entries_.size());
+const Dictionary::Index* Dictionary::build_index() const {
+  auto index = std::make_unique<Index>();
+  index->reserve(entries_.size());
   for (std::size_t i = 0; i < entries_.size(); ++i) {
-    if (const String* s = as_string(entries_[i].first.get())) index_->emplace(s->str(), i);
+    if (const String* s = as_string(entries_[i].first.get())) index->emplace(s->str(), i);
   }
+  Index* first = nullptr;
+  if (index_.compare_exchange_strong(first, index.get(), std::memory_order_acq_rel)) return index.release();
+  return first;  // another reader's, made meanwhile
 }
+
+void Dictionary::drop_index() { delete index_.exchange(nullptr, std::memory_order_acq_rel); }
+
+Dictionary::~Dictionary() { drop_index(); }
 
 Object* Dictionary::get(std::string_view key) const {
   std::ptrdiff_t i = find(key);
@@ -119,9 +127,9 @@ void Dictionary::set(Ref<Object> key, Ref<Object> value) {
 
 void Dictionary::append(Ref<Object> key, Ref<Object> value) {
   entries_.emplace_back(std::move(key), std::move(value));
-  if (index_) {
+  if (Index* index = index_.load(std::memory_order_relaxed)) {  // a change: this thread alone uses it
     // Vector growth moves the Ref objects but not the strings they point at, so views stay valid.
-    if (const String* s = as_string(entries_.back().first.get())) index_->emplace(s->str(), entries_.size() - 1);
+    if (const String* s = as_string(entries_.back().first.get())) index->emplace(s->str(), entries_.size() - 1);
   }
 }
 
@@ -129,12 +137,12 @@ bool Dictionary::remove(std::string_view key) {
   std::ptrdiff_t i = find(key);
   if (i < 0) return false;
   entries_.erase(entries_.begin() + i);
-  index_.reset();
+  drop_index();
   return true;
 }
 
 void Dictionary::drop_refs() {
-  index_.reset();
+  drop_index();
   std::vector<Entry>().swap(entries_);
 }
 

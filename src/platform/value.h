@@ -3,6 +3,7 @@
 // under which it is archived. Property lists and keyed archives decode into these; records hold them.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <initializer_list>
 #include <memory>
@@ -139,6 +140,7 @@ class Dictionary final : public Object {
   using Entry = std::pair<Ref<Object>, Ref<Object>>;
 
   explicit Dictionary(bool is_mutable = false) : Object(ObjectKind::Dictionary, true), mutable_(is_mutable) {}
+  ~Dictionary() override;
   std::string_view class_name() const override {
     return mutable_ ? "NSMutableDictionary" : "NSDictionary";
   }
@@ -163,12 +165,16 @@ class Dictionary final : public Object {
   void drop_refs() override;
 
  private:
+  using Index = std::unordered_map<std::string_view, std::size_t>;
   std::ptrdiff_t find(std::string_view key) const;
-  void build_index() const;
+  const Index* build_index() const;
+  void drop_index();
 
   std::vector<Entry> entries_;
-  // Built on demand for larger dictionaries: string key -> position of its first entry.
-  mutable std::unique_ptr<std::unordered_map<std::string_view, std::size_t>> index_;
+  // Built on demand for larger dictionaries: string key -> position of its first entry. Threads that
+  // only read may ask for it at once (a request's helper threads read the request's preferences): the
+  // first index made is kept and the others are dropped.
+  mutable std::atomic<Index*> index_{nullptr};
   bool mutable_;
 };
 
