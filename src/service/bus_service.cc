@@ -172,8 +172,7 @@ struct BusService::Impl {
       if (it == outstanding.end()) continue;
       try {
         if (posted.fd) {
-          // Freeing 500 MB takes about 80 ms here; a caller that holds the file longer frees it itself.
-          // Small files are not kept: a burst of them would wake a background thread for each.
+          // Kept only when large (see reply_kept): a burst of small ones would each wake a background thread.
           struct stat st {};
           UniqueFd kept(::fstat(posted.fd.get(), &st) == 0 && st.st_size >= BusServiceOptions::kKeptFrom
                             ? ::fcntl(posted.fd.get(), F_DUPFD_CLOEXEC, 0)
