@@ -61,9 +61,14 @@ Ref<Dictionary> MQUserDefaultsWrapper::preferences() const {
     if (parsed.ok() && as_dict(parsed.value().get())) top = Ref<Dictionary>(as_dict(parsed.value().get()));
     // An unreadable file or a top level that is not a dictionary holds no preferences.
   }
+  // Values another thread read into a heap that still tracks them are left for that thread to
+  // replace: their last reference dropped here would unlink them from a heap it may be using at this
+  // very moment (a helper with a heap of its own then reads the file for itself, uncached).
+  if (top_ && top_->heap() && reader_ != std::this_thread::get_id()) return top;
   cached_ = true;
   stamp_ = stamp;
   heap_ = Heap::current_serial();
+  reader_ = std::this_thread::get_id();
   top_ = top;
   return top;
 }

@@ -13,6 +13,7 @@
 #include <mutex>
 #include <string>
 #include <string_view>
+#include <thread>
 
 #include "platform/keyed_archive.h"
 #include "platform/object.h"
@@ -92,6 +93,7 @@ class MQUserDefaultsWrapper final : public Record {
   mutable FileStamp stamp_;
   // Heaps by serial number (0: none), since a later heap may take the address of one that has ended.
   mutable std::uint64_t heap_ = 0;           // the heap the cached values were read in
+  mutable std::thread::id reader_;           // the thread that read them
   mutable std::uint64_t snapshot_heap_ = 0;  // the heap current when the outermost snapshot began
   bool usable_in_this_heap() const;              // whether the cached values may serve this thread (locked)
   mutable Ref<Dictionary> top_;

@@ -53,6 +53,8 @@ class Object {
   }
   std::uint32_t ref_count() const { return refs_.load(std::memory_order_relaxed); }
   bool is_immortal() const { return immortal_; }
+  // The heap that tracks the object, if any: read on that heap's thread, or while the heap cannot end.
+  const Heap* heap() const { return heap_; }
   // Makes a constant live as long as the process, with its count left alone from then on: constants
   // that every thread uses (YES, NO, NSNull, keys of converted records) would otherwise bounce their
   // count's cache line between the cores on every use. Call before the object is shared.

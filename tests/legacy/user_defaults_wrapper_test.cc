@@ -165,6 +165,29 @@ TEST(UserDefaults, ValuesReadInAHeapServeItsHelperThreadsAndEndWithIt) {
   }
 }
 
+TEST(UserDefaults, AHelperLeavesTheValuesOfAnotherThreadsHeapInPlace) {
+  // Without a snapshot, a helper cannot use what the run's thread read into the run's heap: it reads
+  // its own copy, and the run's copy stays cached (dropping it on the helper's thread would unlink
+  // objects from a heap the run's thread is using).
+  TempDir home;
+  write_preferences(preferences_file(home.path()), dict({{"OutlineFolderModels", dict({{"1", str("tree")}})}}).get());
+  auto defaults = MQUserDefaultsWrapper::initWithBundleID(kBundle, home.path().string());
+  Heap run_heap;
+  HeapScope scope(run_heap);
+  const Object* before = defaults->valueForKey("OutlineFolderModels").get();
+  ASSERT_TRUE(as_dict(before));
+  bool helper_read = false;
+  std::thread helper([&] {
+    Heap own;
+    HeapScope helper_scope(own);
+    Ref<Object> models = defaults->valueForKey("OutlineFolderModels");
+    helper_read = as_dict(models.get()) && as_dict(models.get())->size() == 1;
+  });
+  helper.join();
+  EXPECT_TRUE(helper_read);
+  EXPECT_EQ(defaults->valueForKey("OutlineFolderModels").get(), before) << "the run's copy is still the one cached";
+}
+
 TEST(UserDefaults, FindsStatisticsDatabasesAndLogsEveryPath) {
   TempDir home;
   const std::string folder = home.path().string() + "/Library/Containers/com.brenvik.velmora/Data/Library/Application Support/Velmora";
