@@ -413,17 +413,20 @@ void Builder::Arena::release_below(std::uint32_t end) {
 }
 
 std::string_view Builder::utf8_of(const Obj& o) {
-  if (o.flag || static_cast<Type>(o.type) == Type::Data) return o.bytes();
-  const char* utf16 = reinterpret_cast<const char*>(o.a);
+  if (o.flag() || o.type() == Type::Data) return o.bytes();
+  const char* size_at = o.ptr() - (o.is_wide() ? 16 : 8);  // before the units' count, when it is wide
   std::uint64_t size = 0;
-  std::memcpy(&size, utf16 - 8, 8);
-  return {utf16 - 8 - size, static_cast<std::size_t>(size)};
+  std::memcpy(&size, size_at, 8);
+  return {size_at - size, static_cast<std::size_t>(size)};
 }
 
 std::uint32_t Builder::push(Obj o) { return objects_.push(o); }
 
-Builder::Obj Builder::scalar(Type type, std::uint8_t flag, std::uint64_t bits) {
-  return Obj{bits, 0, 0, static_cast<std::uint8_t>(type), flag};
+Builder::Obj Builder::scalar(Type type, bool flag, std::uint64_t bits) {
+  if (Obj::fits(bits)) return Obj::scalar(type, flag, bits, nullptr);
+  char* box = arena_.allocate(8, 8, static_cast<std::uint32_t>(objects_.size()));  // owned by the object pushed next
+  std::memcpy(box, &bits, 8);
+  return Obj::scalar(type, flag, 0, box);
 }
 
 std::uint32_t Builder::reserve() { return push(scalar(Type::Null, 0, 0)); }
@@ -461,25 +464,31 @@ std::uint32_t Builder::add_bytes(BytesTable& t, std::string_view bytes, Type typ
   }
   // The object about to be pushed owns what is stored for it.
   const auto owner = static_cast<std::uint32_t>(objects_.size());
-  Obj o{0, 0, 0, static_cast<std::uint8_t>(type), static_cast<std::uint8_t>(ascii)};
+  const char* at = nullptr;
+  std::uint64_t n = bytes.size();
   if (type == Type::Utf8String && !ascii) {
     // Written as UTF-16BE: converted once here, so that sizing and writing read the object alone and
-    // copy. The UTF-8 bytes (for finding equal strings) and their size go before the units.
+    // copy. The UTF-8 bytes (for finding equal strings) and their size go before the units (and the
+    // units' count, when it is wide).
     std::string units;
     std::uint64_t count = 0;
     utf8_to_utf16be(bytes, units, count);
     const std::uint64_t size = bytes.size();
-    char* p = arena_.allocate(bytes.size() + 8 + units.size(), 1, owner);
+    n = units.size();
+    const std::size_t head = 8 + (Obj::wide(n) ? 8 : 0);
+    char* p = arena_.allocate(bytes.size() + head + units.size(), 1, owner);
     std::memcpy(p, bytes.data(), bytes.size());
     std::memcpy(p + bytes.size(), &size, 8);
-    std::memcpy(p + bytes.size() + 8, units.data(), units.size());
-    o.a = reinterpret_cast<std::uint64_t>(p + bytes.size() + 8);
-    o.set_n(units.size());
+    std::memcpy(p + bytes.size() + head, units.data(), units.size());
+    at = p + bytes.size() + head;
+  } else if (Obj::wide(n)) {
+    char* p = arena_.allocate(8 + n, 1, owner);
+    std::memcpy(p + 8, bytes.data(), n);
+    at = p + 8;
   } else {
-    o.a = reinterpret_cast<std::uint64_t>(arena_.copy(bytes, owner).data());
-    o.set_n(bytes.size());
+    at = arena_.copy(bytes, owner).data();
   }
-  std::uint32_t index = push(o);
+  std::uint32_t index = push(Obj::counted(type, ascii, at, n));
   t.slots[i] = Slot{index + 1, tag};
   ++t.used;
   return index;
@@ -553,15 +562,12 @@ std::uint32_t Builder::add_uid(std::uint64_t v) {
 void Builder::set_container(std::uint32_t index, Type type, const std::uint32_t* first, const std::uint32_t* second,
                             std::size_t n) {
   const std::size_t total = second ? 2 * n : n;
-  auto* refs =
-      reinterpret_cast<std::uint32_t*>(arena_.allocate(total * sizeof(std::uint32_t), alignof(std::uint32_t), index));
+  const std::size_t head = Obj::wide(n) ? 8 : 0;  // room for the count
+  auto* refs = reinterpret_cast<std::uint32_t*>(
+      arena_.allocate(head + total * sizeof(std::uint32_t), alignof(std::uint32_t), index) + head);
   if (n) std::memcpy(refs, first, n * sizeof(std::uint32_t));
   if (second && n) std::memcpy(refs + n, second, n * sizeof(std::uint32_t));
-  Obj& o = objects_[index];
-  o.type = static_cast<std::uint8_t>(type);
-  o.flag = 0;
-  o.a = reinterpret_cast<std::uint64_t>(refs);
-  o.set_n(n);
+  objects_[index] = Obj::counted(type, false, reinterpret_cast<const char*>(refs), n);
 }
 
 void Builder::set_array(std::uint32_t index, const std::uint32_t* refs, std::size_t n, bool is_set) {
@@ -573,18 +579,17 @@ void Builder::set_dict(std::uint32_t index, const std::uint32_t* keys, const std
 }
 
 const std::uint32_t* Builder::share_refs(const std::uint32_t* refs, std::size_t n) {
-  auto copy = std::make_unique_for_overwrite<std::uint32_t[]>(std::max<std::size_t>(n, 1));
-  if (n) std::memcpy(copy.get(), refs, n * sizeof(std::uint32_t));
+  // Two units before the refs hold their count, for arrays whose count is wide.
+  auto copy = std::make_unique_for_overwrite<std::uint32_t[]>(n + 2);
+  const std::uint64_t count = n;
+  std::memcpy(copy.get(), &count, 8);
+  if (n) std::memcpy(copy.get() + 2, refs, n * sizeof(std::uint32_t));
   shared_refs_.push_back(std::move(copy));
-  return shared_refs_.back().get();
+  return shared_refs_.back().get() + 2;
 }
 
 void Builder::set_shared_array(std::uint32_t index, const std::uint32_t* shared, std::size_t n) {
-  Obj& o = objects_[index];
-  o.type = static_cast<std::uint8_t>(Type::Array);
-  o.flag = 0;
-  o.a = reinterpret_cast<std::uint64_t>(shared);
-  o.set_n(n);
+  objects_[index] = Obj::counted(Type::Array, false, reinterpret_cast<const char*>(shared), n);
 }
 
 namespace {
@@ -594,14 +599,14 @@ std::uint64_t count_header_size(std::uint64_t n) { return n < 15 ? 1 : 2 + size_
 }  // namespace
 
 std::uint64_t Builder::encoded_size(const Obj& o, unsigned ref_size) const {
-  switch (static_cast<Type>(o.type)) {
+  switch (o.type()) {
     case Type::Null:
     case Type::Bool:
       return 1;
     case Type::Int:
-      if (o.flag) return 17;
-      if (static_cast<std::int64_t>(o.a) < 0) return 9;
-      return 1 + size_for(o.a);
+      if (o.flag()) return 17;
+      if (static_cast<std::int64_t>(o.value()) < 0) return 9;
+      return 1 + size_for(o.value());
     case Type::Real:
     case Type::Date:
       return 9;
@@ -610,10 +615,10 @@ std::uint64_t Builder::encoded_size(const Obj& o, unsigned ref_size) const {
     case Type::Utf8String:
     case Type::AsciiString:
     case Type::Utf16String: {
-      return count_header_size(o.flag ? o.n() : o.n() / 2) + o.n();  // UTF-16 when not ASCII
+      return count_header_size(o.flag() ? o.n() : o.n() / 2) + o.n();  // UTF-16 when not ASCII
     }
     case Type::Uid:
-      return 1 + size_for(o.a);
+      return 1 + size_for(o.value());
     case Type::Array:
     case Type::Set:
       return count_header_size(o.n()) + o.n() * ref_size;
@@ -807,59 +812,59 @@ inline char* store_refs_any(char* at, const std::uint32_t* refs, std::uint64_t n
 char* Builder::encode_objects(std::size_t begin, std::size_t end, unsigned ref_size, char* p) const {
   for (std::size_t i = begin; i < end; ++i) {
     const Obj& o = objects_[i];
-    switch (static_cast<Type>(o.type)) {
+    switch (o.type()) {
       case Type::Null:
         *p++ = 0x00;
         break;
       case Type::Bool:
-        *p++ = static_cast<char>(o.flag ? 0x09 : 0x08);
+        *p++ = static_cast<char>(o.flag() ? 0x09 : 0x08);
         break;
       case Type::Int:
-        if (o.flag) {  // unsigned beyond the signed range: 16 bytes, high half zero
+        if (o.flag()) {  // unsigned beyond the signed range: 16 bytes, high half zero
           *p++ = 0x14;
           p = store_be(p, 0, 8);
-          p = store_be(p, o.a, 8);
-        } else if (static_cast<std::int64_t>(o.a) < 0) {
+          p = store_be(p, o.value(), 8);
+        } else if (static_cast<std::int64_t>(o.value()) < 0) {
           *p++ = 0x13;
-          p = store_be(p, o.a, 8);
+          p = store_be(p, o.value(), 8);
         } else {
-          const unsigned s = size_for(o.a);
+          const unsigned s = size_for(o.value());
           *p++ = static_cast<char>(0x10 | log2_size(s));
-          p = store_be(p, o.a, s);
+          p = store_be(p, o.value(), s);
         }
         break;
       case Type::Real:
         *p++ = 0x23;
-        p = store_be(p, o.a, 8);
+        p = store_be(p, o.value(), 8);
         break;
       case Type::Date:
         *p++ = 0x33;
-        p = store_be(p, o.a, 8);
+        p = store_be(p, o.value(), 8);
         break;
       case Type::Data:
       case Type::Utf8String:
       case Type::AsciiString:
       case Type::Utf16String: {
-        const bool is_data = static_cast<Type>(o.type) == Type::Data;
+        const bool is_data = o.type() == Type::Data;
         std::string_view bytes = o.bytes();
-        p = store_marker_count(p, is_data ? 0x4 : o.flag ? 0x5 : 0x6, is_data || o.flag ? bytes.size() : bytes.size() / 2);
+        p = store_marker_count(p, is_data ? 0x4 : o.flag() ? 0x5 : 0x6, is_data || o.flag() ? bytes.size() : bytes.size() / 2);
         if (!bytes.empty()) std::memcpy(p, bytes.data(), bytes.size());
         p += bytes.size();
         break;
       }
       case Type::Uid: {
-        const unsigned s = size_for(o.a);
+        const unsigned s = size_for(o.value());
         *p++ = static_cast<char>(0x80 | (s - 1));
-        p = store_be(p, o.a, s);
+        p = store_be(p, o.value(), s);
         break;
       }
       case Type::Array:
       case Type::Set:
       case Type::Dict: {
-        const Type t = static_cast<Type>(o.type);
+        const Type t = o.type();
         p = store_marker_count(p, t == Type::Array ? 0xA : t == Type::Set ? 0xC : 0xD, o.n());
         const std::uint64_t n = t == Type::Dict ? 2 * o.n() : o.n();
-        p = store_refs_any(p, reinterpret_cast<const std::uint32_t*>(o.a), n, ref_size);
+        p = store_refs_any(p, o.refs(), n, ref_size);
         break;
       }
     }
@@ -879,11 +884,11 @@ void Builder::stream_objects(std::size_t begin, std::size_t end, unsigned ref_si
     }
     // Larger than a piece: the header, then the bytes or references in pieces.
     char* p = w.room(32);
-    const Type t = static_cast<Type>(o.type);
+    const Type t = o.type();
     if (t == Type::Array || t == Type::Set || t == Type::Dict) {
       w.commit(store_marker_count(p, t == Type::Array ? 0xA : t == Type::Set ? 0xC : 0xD, o.n()));
       const std::uint64_t n = t == Type::Dict ? 2 * o.n() : o.n();
-      const auto* refs = reinterpret_cast<const std::uint32_t*>(o.a);
+      const auto* refs = o.refs();
       const std::uint64_t per_piece = Writer::kCapacity / ref_size;
       for (std::uint64_t k = 0; k < n; k += per_piece) {
         const std::uint64_t m = std::min(per_piece, n - k);
@@ -893,7 +898,7 @@ void Builder::stream_objects(std::size_t begin, std::size_t end, unsigned ref_si
     } else {
       const bool is_data = t == Type::Data;
       std::string_view bytes = o.bytes();
-      w.commit(store_marker_count(p, is_data ? 0x4 : o.flag ? 0x5 : 0x6, is_data || o.flag ? bytes.size() : bytes.size() / 2));
+      w.commit(store_marker_count(p, is_data ? 0x4 : o.flag() ? 0x5 : 0x6, is_data || o.flag() ? bytes.size() : bytes.size() / 2));
       w.put_direct(bytes);
     }
   }

@@ -305,20 +305,54 @@ class Builder {
   bool drain_to(std::uint32_t top, Sink& sink, const WriteOptions& options);
 
  private:
-  struct Obj {
-    std::uint64_t a;       // scalars: value bits; strings/data: address of the bytes; containers: address of
-                           // the refs (dicts: keys then values)
-    std::uint32_t n_low;   // strings/data: byte count (UTF-8 for strings); containers: entries (dict: pairs)
-    std::uint16_t n_high;
-    std::uint8_t type;     // Type
-    std::uint8_t flag;     // Int: unsigned beyond the signed range; strings: 1 when ASCII
-    std::uint64_t n() const { return n_low | (std::uint64_t{n_high} << 32); }
-    void set_n(std::uint64_t v) {
-      n_low = static_cast<std::uint32_t>(v);
-      n_high = static_cast<std::uint16_t>(v >> 32);
+  // One object in 8 bytes: type (4 bits), flag (1), wide (1), count (10), payload (48). Scalars keep
+  // their value in the low 58 bits, or, when wide, the address of 8 bytes holding it. Strings, data and
+  // containers keep the address of their bytes (strings, data) or refs (containers; dicts: keys then
+  // values) and their count, which, when wide, lies in the 8 bytes before that address. Addresses of
+  // this process fit in 48 bits on the 64-bit machines it runs on.
+  class Obj {
+   public:
+    static Obj scalar(Type type, bool flag, std::uint64_t value, const char* boxed) {
+      return Obj{head(type, flag, boxed != nullptr) |
+                 (boxed ? reinterpret_cast<std::uint64_t>(boxed) : value)};
     }
-    std::string_view bytes() const { return {reinterpret_cast<const char*>(a), static_cast<std::size_t>(n())}; }
+    // `p` points at the bytes or refs; with wide(count) there are 8 bytes before it for the count.
+    static Obj counted(Type type, bool flag, const char* p, std::uint64_t count) {
+      const bool w = wide(count);
+      if (w) std::memcpy(const_cast<char*>(p) - 8, &count, 8);
+      return Obj{head(type, flag, w) | (w ? 0 : count << kCountShift) | reinterpret_cast<std::uint64_t>(p)};
+    }
+    static bool wide(std::uint64_t count) { return count > kMaxCount; }
+    static bool fits(std::uint64_t value) { return value < (std::uint64_t{1} << 58); }
+    Type type() const { return static_cast<Type>(w_ >> 60); }
+    bool flag() const { return (w_ >> 59) & 1; }
+    bool is_wide() const { return (w_ >> 58) & 1; }
+    const char* ptr() const { return reinterpret_cast<const char*>(w_ & kPayload); }
+    std::uint64_t value() const {  // scalars
+      if (!is_wide()) return w_ & ((std::uint64_t{1} << 58) - 1);
+      std::uint64_t v;
+      std::memcpy(&v, ptr(), 8);
+      return v;
+    }
+    std::uint64_t n() const {  // strings, data, containers
+      if (!is_wide()) return (w_ >> kCountShift) & kMaxCount;
+      std::uint64_t v;
+      std::memcpy(&v, ptr() - 8, 8);
+      return v;
+    }
+    std::string_view bytes() const { return {ptr(), static_cast<std::size_t>(n())}; }
+    const std::uint32_t* refs() const { return reinterpret_cast<const std::uint32_t*>(ptr()); }
+
+   private:
+    static constexpr unsigned kCountShift = 48;
+    static constexpr std::uint64_t kMaxCount = 1023, kPayload = (std::uint64_t{1} << kCountShift) - 1;
+    static std::uint64_t head(Type type, bool flag, bool wide) {
+      return (std::uint64_t(type) << 60) | (std::uint64_t{flag} << 59) | (std::uint64_t{wide} << 58);
+    }
+    explicit Obj(std::uint64_t w) : w_(w) {}
+    std::uint64_t w_;
   };
+  static_assert(sizeof(void*) == 8 && sizeof(Obj) == 8);
   // Objects in blocks that never move: no copying as it grows, and no room held beyond one block.
   class Objects {
    public:
@@ -332,7 +366,7 @@ class Builder {
     void release_below(std::size_t end);
 
    private:
-    static constexpr unsigned kShift = 16;
+    static constexpr unsigned kShift = 17;
     static constexpr std::size_t kMask = (std::size_t{1} << kShift) - 1;
     std::vector<ResidentBlock> blocks_;  // one resident block per (kMask + 1) objects
     std::size_t size_ = 0;
@@ -372,7 +406,7 @@ class Builder {
   };
   std::uint32_t add_bytes(BytesTable& table, std::string_view bytes, Type type, bool ascii);
   std::uint32_t push(Obj o);
-  static Obj scalar(Type type, std::uint8_t flag, std::uint64_t bits);
+  Obj scalar(Type type, bool flag, std::uint64_t bits);  // its value boxed in the arena when too wide
   std::uint64_t encoded_size(const Obj& o, unsigned ref_size) const;
   // Objects [begin, end) encoded at p, which has room for all of them; the end of what was written.
   char* encode_objects(std::size_t begin, std::size_t end, unsigned ref_size, char* p) const;

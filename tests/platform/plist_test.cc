@@ -412,6 +412,89 @@ TEST(BinaryPlist, WritingInPiecesGivesTheSameBytes) {
   }
 }
 
+TEST(BinaryPlist, ValuesAroundTheBuildersInlineRoomKeepEveryBit) {
+  // The builder keeps small values and counts in its object record and the rest beside it: values and
+  // counts on both sides of that room (58-bit values, 1023 entries) must come back as they went in,
+  // and equal strings kept either way must still be found equal.
+  const std::uint64_t edge = std::uint64_t{1} << 58;
+  const std::uint64_t uids[] = {0, 1, edge - 1, edge, edge + 1, std::numeric_limits<std::uint64_t>::max()};
+  const std::int64_t ints[] = {-1, std::numeric_limits<std::int64_t>::min(), std::int64_t(edge) - 1, std::int64_t(edge),
+                               std::numeric_limits<std::int64_t>::max()};
+  const std::size_t counts[] = {0, 14, 15, 1022, 1023, 1024, 1025, 70000};
+  bplist::Builder b;
+  std::vector<std::uint32_t> refs;
+  for (std::uint64_t u : uids) refs.push_back(b.add_uid(u));
+  for (std::int64_t i : ints) refs.push_back(b.add_int(i));
+  refs.push_back(b.add_uint(std::numeric_limits<std::uint64_t>::max()));
+  refs.push_back(b.add_real(-0.5));
+  refs.push_back(b.add_date(1e300));
+  std::vector<std::string> texts;
+  for (std::size_t n : counts) {
+    texts.push_back(std::string(n, 'a'));
+    texts.push_back(std::string(n / 2, 'b') + "é");  // UTF-16 units: about half as many as bytes
+    texts.push_back(std::string(n, 'd'));             // as data
+  }
+  for (std::size_t t = 0; t < texts.size(); ++t)
+    refs.push_back(t % 3 == 2 ? b.add_data(texts[t]) : b.add_string(texts[t]));
+  for (std::size_t t = 0; t < texts.size(); ++t) {
+    SCOPED_TRACE(t);
+    EXPECT_EQ(t % 3 == 2 ? b.add_data(texts[t]) : b.add_string(texts[t]), refs[refs.size() - texts.size() + t]);
+  }
+  std::vector<std::uint32_t> lists;
+  for (std::size_t n : counts) {
+    std::vector<std::uint32_t> members(n, refs[0]), keys(n), values(n, refs[1]);
+    for (std::size_t k = 0; k < n; ++k) keys[k] = b.add_int(static_cast<std::int64_t>(k));
+    lists.push_back(b.reserve());
+    b.set_array(lists.back(), members.data(), n);
+    lists.push_back(b.reserve());
+    b.set_dict(lists.back(), keys.data(), values.data(), n);
+    lists.push_back(b.reserve());
+    b.set_shared_array(lists.back(), b.share_refs(members.data(), n), n);
+  }
+  refs.insert(refs.end(), lists.begin(), lists.end());
+  const std::uint32_t top = b.reserve();
+  b.set_array(top, refs.data(), refs.size());
+  const std::string bytes = b.write(top);
+
+  auto view = bplist::View::open(bytes);
+  ASSERT_TRUE(view.ok()) << view.error().message;
+  auto all = view->item(view->top());
+  ASSERT_TRUE(all.ok());
+  std::size_t at = 0;
+  auto next = [&]() -> bplist::Item {
+    auto r = view->ref(all.value(), at++);
+    EXPECT_TRUE(r.ok());
+    auto it = view->item(r.ok() ? r.value() : 0);
+    EXPECT_TRUE(it.ok());
+    return it.ok() ? it.value() : bplist::Item{};
+  };
+  for (std::uint64_t u : uids) {
+    const bplist::Item it = next();
+    EXPECT_EQ(it.type, bplist::Type::Uid);
+    EXPECT_EQ(it.scalar, u);
+  }
+  for (std::int64_t i : ints) EXPECT_EQ(static_cast<std::int64_t>(next().scalar), i);
+  const bplist::Item unsigned_max = next();
+  EXPECT_TRUE(unsigned_max.flag);
+  EXPECT_EQ(unsigned_max.scalar, std::numeric_limits<std::uint64_t>::max());
+  EXPECT_EQ(view->real(next()), -0.5);
+  EXPECT_EQ(view->real(next()), 1e300);
+  for (std::size_t t = 0; t < texts.size(); ++t) {
+    SCOPED_TRACE(t);
+    const bplist::Item it = next();
+    EXPECT_EQ(t % 3 == 2 ? std::string(view->raw(it)) : view->text(it), texts[t]);
+  }
+  for (std::size_t n : counts) {
+    for (const bplist::Type type : {bplist::Type::Array, bplist::Type::Dict, bplist::Type::Array}) {
+      const bplist::Item it = next();
+      EXPECT_EQ(it.type, type);
+      EXPECT_EQ(it.count, n);
+      const bool dict = type == bplist::Type::Dict;
+      if (n) EXPECT_EQ(view->ref(it, dict ? 2 * n - 1 : n - 1).value(), refs[dict ? 1 : 0]);  // the last value
+    }
+  }
+}
+
 TEST(BinaryPlist, ABuilderDrainedAsItWritesGivesTheSameBytes) {
   // Its memory goes back run by run while the other thread encodes the runs ahead: a block given back
   // too early would show as wrong bytes (or, under the address sanitizer, as a read of freed memory).
