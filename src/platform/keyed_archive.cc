@@ -828,7 +828,8 @@ class KeyedUnarchiverImpl final : public KeyedDecoder {
     std::vector<std::uint64_t>& targets = scratch_->targets;   // must be nil, a value or an object record
     std::vector<LookupRecord>& records = scratch_->records;
     targets.clear();
-    records.assign(count, LookupRecord{});
+    // Read only for entries found to be records, each set whole when found: not cleared here.
+    if (records.size() < count) records.resize(count);
     scratch_->key_index.dict = 0;
     auto note_target = [&](const Item& it) {
       if (it.type == Type::Uid) targets.push_back(it.scalar);
@@ -938,6 +939,7 @@ class KeyedUnarchiverImpl final : public KeyedDecoder {
       if (!cls || cls->type != Type::Uid) return false;
       kinds[uid] = kRecord;
       LookupRecord& rec = records[uid];
+      rec = LookupRecord{};
       rec.cls = cls->scalar;
       rec.has_keys = keys != nullptr;
       rec.has_objects = objects != nullptr;
