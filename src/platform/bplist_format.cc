@@ -1162,7 +1162,7 @@ bool Builder::write_parallel(std::uint32_t top, Sink& sink, unsigned ref_size, c
   // size before its first piece waits for every run to be sized.
   const bool sized_first = sink.wants_size();
   // A builder that is drained keeps each run's encoded sizes (4 bytes an object) as the run is sized,
-  // so that the run's objects (16 bytes each) go back once its bytes are handed on rather than after
+  // so that the run's objects (8 bytes each) go back once its bytes are handed on rather than after
   // the whole file: the sink that holds the file in memory takes their pages meanwhile. (Sized first,
   // every run would hold its sizes at once; a run with an object of 4 GB or more keeps its objects.)
   const bool record_sizes = drain && !sized_first;
