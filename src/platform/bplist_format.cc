@@ -579,10 +579,9 @@ void Builder::set_dict(std::uint32_t index, const std::uint32_t* keys, const std
 }
 
 const std::uint32_t* Builder::share_refs(const std::uint32_t* refs, std::size_t n) {
-  // Two units before the refs hold their count, for arrays whose count is wide.
+  // Two units before the refs leave room for the count of an array whose count is wide (set_shared_array
+  // writes it there).
   auto copy = std::make_unique_for_overwrite<std::uint32_t[]>(n + 2);
-  const std::uint64_t count = n;
-  std::memcpy(copy.get(), &count, 8);
   if (n) std::memcpy(copy.get() + 2, refs, n * sizeof(std::uint32_t));
   shared_refs_.push_back(std::move(copy));
   return shared_refs_.back().get() + 2;
