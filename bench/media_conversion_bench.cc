@@ -55,6 +55,19 @@ void BM_ConvertByLookup(benchmark::State& state) {
   state.SetBytesProcessed(static_cast<std::int64_t>(bytes));
 }
 
+// The check alone that a record passes before its values are read through the lookup (about half
+// of converting it).
+void BM_LookupCheck(benchmark::State& state) {
+  const std::span<const std::string> in(records().data(), std::min<std::size_t>(records().size(), state.range(0)));
+  for (auto _ : state) {
+    for (const std::string& r : in) {
+      KeyedArchiveLookup lookup(r);
+      benchmark::DoNotOptimize(lookup.usable());
+    }
+  }
+  state.SetItemsProcessed(static_cast<std::int64_t>(state.iterations() * in.size()));
+}
+
 // The same records decoded whole and converted from their objects (what a record the lookup cannot
 // read takes).
 void BM_ConvertDecodedWhole(benchmark::State& state) {
@@ -100,6 +113,7 @@ void BM_ArchiveConvertedGraphs(benchmark::State& state) {
 }
 
 BENCHMARK(BM_ConvertByLookup)->Arg(256)->Arg(1 << 20)->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_LookupCheck)->Arg(256)->Unit(benchmark::kMicrosecond);
 BENCHMARK(BM_ConvertDecodedWhole)->Arg(256)->Arg(1 << 20)->Unit(benchmark::kMicrosecond);
 BENCHMARK(BM_ArchiveConvertedGraphs)->Unit(benchmark::kMillisecond);
 

@@ -126,6 +126,9 @@ class View {
 
   // Parses the object's marker and checks that its payload lies inside the object area.
   Result<Item> item(std::uint64_t index) const;
+  // The same into `it`, without the error: false when item() would give one. For loops over many
+  // objects, where an item kept in a local stays in registers.
+  bool item_into(std::uint64_t index, Item& it) const;
   // Quick readings of the commonest objects (checked against the buffer); nothing for any other object,
   // which item() then reads.
   std::optional<std::uint64_t> uid_at(std::uint64_t index) const;        // a UID's value
@@ -135,6 +138,7 @@ class View {
   Result<std::uint64_t> ref(const Item& container, std::uint64_t i) const;
   // Unchecked variant for callers that validated the object count against every reference already.
   std::uint64_t ref_unchecked(const Item& container, std::uint64_t i) const;
+  std::uint64_t ref_unchecked_at(std::uint64_t payload_pos, std::uint64_t i) const;  // the same, by the payload's position
 
   std::string_view raw(const Item& it) const {  // payload bytes of Data and strings
     std::uint64_t unit = it.type == Type::Utf16String ? 2 : 1;
@@ -152,6 +156,7 @@ class View {
   std::uint8_t offset_size_ = 0, ref_size_ = 0;
   std::uint64_t object_end_ = 0;  // objects lie in [8, object_end_)
   Result<Item> item_slow(std::uint64_t index) const;  // item() of any object
+  bool quick_item(std::uint64_t index, Item& it) const;  // item() of the commonest objects; false for others
   std::uint64_t offset(std::uint64_t index) const {
     return detail::be_padded(reinterpret_cast<const unsigned char*>(bytes_.data() + table_ + index * offset_size_),
                              offset_size_);
@@ -161,53 +166,65 @@ class View {
 // The quick readings are inline: unarchiving calls them for nearly every object it meets. So is
 // item() for short strings, UIDs, small containers and integers of up to 8 bytes, giving exactly the
 // item item_slow() would; every other object, and every error, is item_slow()'s.
-[[gnu::always_inline]] inline Result<Item> View::item(std::uint64_t index) const {
-  if (index < num_objects_) {
-    const std::uint64_t o = offset(index);
-    const auto* b = reinterpret_cast<const unsigned char*>(bytes_.data());
-    const std::uint64_t room = object_end_ - o - 1;  // bytes after the marker (offsets lie below object_end_)
-    const unsigned marker = b[o], hi = marker >> 4, lo = marker & 0xf;
-    Item it{};
-    switch (hi) {
-      case 0x1:
-        if (lo <= 3 && (1u << lo) <= room) {
-          it.type = Type::Int;
-          it.pos = o + 1;
-          it.scalar = detail::be(b + o + 1, 1u << lo);
-          return it;
-        }
-        break;
-      case 0x5:
-      case 0x7:
-        if (lo != 0xf && lo <= room) {
-          it.type = hi == 0x5 ? Type::AsciiString : Type::Utf8String;
-          it.count = lo;
-          it.pos = o + 1;
-          return it;
-        }
-        break;
-      case 0x8:
-        if (lo < 8 && lo + 1u <= room) {
-          it.type = Type::Uid;
-          it.scalar = detail::be_padded(b + o + 1, lo + 1);
-          return it;
-        }
-        break;
-      case 0xA:
-      case 0xC:
-      case 0xD:
-        if (lo != 0xf && std::uint64_t{lo} * (hi == 0xD ? 2u * ref_size_ : ref_size_) <= room) {
-          it.type = hi == 0xA ? Type::Array : hi == 0xC ? Type::Set : Type::Dict;
-          it.count = lo;
-          it.pos = o + 1;
-          return it;
-        }
-        break;
-      default:
-        break;
-    }
+[[gnu::always_inline]] inline bool View::quick_item(std::uint64_t index, Item& it) const {
+  if (index >= num_objects_) return false;
+  const std::uint64_t o = offset(index);
+  const auto* b = reinterpret_cast<const unsigned char*>(bytes_.data());
+  const std::uint64_t room = object_end_ - o - 1;  // bytes after the marker (offsets lie below object_end_)
+  const unsigned marker = b[o], hi = marker >> 4, lo = marker & 0xf;
+  it = Item{};
+  switch (hi) {
+    case 0x1:
+      if (lo <= 3 && (1u << lo) <= room) {
+        it.type = Type::Int;
+        it.pos = o + 1;
+        it.scalar = detail::be(b + o + 1, 1u << lo);
+        return true;
+      }
+      return false;
+    case 0x5:
+    case 0x7:
+      if (lo != 0xf && lo <= room) {
+        it.type = hi == 0x5 ? Type::AsciiString : Type::Utf8String;
+        it.count = lo;
+        it.pos = o + 1;
+        return true;
+      }
+      return false;
+    case 0x8:
+      if (lo < 8 && lo + 1u <= room) {
+        it.type = Type::Uid;
+        it.scalar = detail::be_padded(b + o + 1, lo + 1);
+        return true;
+      }
+      return false;
+    case 0xA:
+    case 0xC:
+    case 0xD:
+      if (lo != 0xf && std::uint64_t{lo} * (hi == 0xD ? 2u * ref_size_ : ref_size_) <= room) {
+        it.type = hi == 0xA ? Type::Array : hi == 0xC ? Type::Set : Type::Dict;
+        it.count = lo;
+        it.pos = o + 1;
+        return true;
+      }
+      return false;
+    default:
+      return false;
   }
+}
+
+[[gnu::always_inline]] inline Result<Item> View::item(std::uint64_t index) const {
+  Item it;
+  if (quick_item(index, it)) return it;
   return item_slow(index);
+}
+
+[[gnu::always_inline]] inline bool View::item_into(std::uint64_t index, Item& it) const {
+  if (quick_item(index, it)) return true;
+  Result<Item> slow = item_slow(index);
+  if (!slow) return false;
+  it = slow.value();
+  return true;
 }
 
 inline std::optional<std::uint64_t> View::uid_at(std::uint64_t index) const {
@@ -226,11 +243,13 @@ inline std::optional<std::string_view> View::ascii_at(std::uint64_t index) const
   const unsigned marker = static_cast<unsigned char>(bytes_[o]);
   const unsigned count = marker & 0xf;
   if ((marker >> 4) != 0x5 || count == 0xf || count > object_end_ - o - 1) return std::nullopt;
-  return bytes_.substr(o + 1, count);
+  return std::string_view(bytes_.data() + o + 1, count);  // inside the buffer: checked above
 }
 
-inline std::uint64_t View::ref_unchecked(const Item& c, std::uint64_t i) const {
-  return detail::be_padded(reinterpret_cast<const unsigned char*>(bytes_.data() + c.pos + i * ref_size_), ref_size_);
+inline std::uint64_t View::ref_unchecked(const Item& c, std::uint64_t i) const { return ref_unchecked_at(c.pos, i); }
+
+inline std::uint64_t View::ref_unchecked_at(std::uint64_t pos, std::uint64_t i) const {
+  return detail::be_padded(reinterpret_cast<const unsigned char*>(bytes_.data() + pos + i * ref_size_), ref_size_);
 }
 
 // Appends UTF-16BE code units of UTF-8 text; returns false when the text is pure ASCII (nothing added).

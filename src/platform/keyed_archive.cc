@@ -841,30 +841,36 @@ class KeyedUnarchiverImpl final : public KeyedDecoder {
     elements.clear();
     texts.assign(count, std::string_view());
     const std::uint64_t object_count = v_.size();
-    auto note_list = [&](const Item* list, std::uint32_t& first) {
-      if (!list) return true;
-      if (list->type != Type::Array) return false;
+    // A list's item, as the few fields the check reads.
+    struct ListItem {
+      bool present = false;
+      Type type = Type::Null;
+      std::uint64_t pos = 0, count = 0;
+    };
+    auto note_list = [&](const ListItem& list, std::uint32_t& first) {
+      if (!list.present) return true;
+      if (list.type != Type::Array) return false;
       first = static_cast<std::uint32_t>(elements.size());
       // Sized once and filled through pointers (a list is as long as its item says, which lies in the
       // file); the targets end where the last UID was noted.
-      const std::uint64_t n = list->count;
+      const std::uint64_t n = list.count;
       elements.resize(first + n);
       std::size_t noted = targets.size();
       targets.resize(noted + n);
       std::uint64_t* const element = elements.data() + first;
       std::uint64_t* const target = targets.data();
       for (std::uint64_t i = 0; i < n; ++i) {
-        const std::uint64_t r = v_.ref_unchecked(*list, i);
+        const std::uint64_t r = v_.ref_unchecked_at(list.pos, i);
         if (r >= object_count) return false;
         if (std::optional<std::uint64_t> uid = v_.uid_at(r)) {
           target[noted++] = *uid;
           element[i] = *uid;
           continue;
         }
-        auto e = v_.item(r);
-        if (!e) return false;
-        if (e->type == Type::Uid) target[noted++] = e->scalar;
-        element[i] = e->type == Type::Uid ? e->scalar : kInline;
+        Item e;
+        if (!v_.item_into(r, e)) return false;
+        if (e.type == Type::Uid) target[noted++] = e.scalar;
+        element[i] = e.type == Type::Uid ? e.scalar : kInline;
       }
       targets.resize(noted);
       return true;
@@ -880,9 +886,9 @@ class KeyedUnarchiverImpl final : public KeyedDecoder {
         }
         continue;
       }
-      auto it = v_.item(ref);
-      if (!it) return false;
-      switch (it->type) {
+      Item d;
+      if (!v_.item_into(ref, d)) return false;
+      switch (d.type) {
         case Type::Array:
         case Type::Set:
         case Type::Uid:
@@ -894,10 +900,10 @@ class KeyedUnarchiverImpl final : public KeyedDecoder {
           continue;
         case Type::AsciiString:
         case Type::Utf8String:
-          if (v_.raw(it.value()) == "$null") {
+          if (v_.raw(d) == "$null") {
             kinds[uid] = kNil;
-          } else if (bplist::is_ascii(v_.raw(it.value()))) {
-            texts[uid] = v_.raw(it.value());
+          } else if (bplist::is_ascii(v_.raw(d))) {
+            texts[uid] = v_.raw(d);
           }
           continue;
         default:
@@ -905,30 +911,35 @@ class KeyedUnarchiverImpl final : public KeyedDecoder {
       }
       // The fields as load_fields reads them, each key's role worked out once per key object (the
       // few keys of an archive are shared by all its records).
-      Item cls_item{}, keys_item{}, objects_item{};
-      const Item *cls = nullptr, *keys = nullptr, *objects = nullptr;
+      bool has_cls = false;
+      Type cls_type = Type::Null;
+      std::uint64_t cls_uid = 0;
+      ListItem keys, objects;
       bool is_class = false;
-      const Item& d = it.value();
       for (std::uint64_t i = 0; i < d.count; ++i) {
         const std::uint64_t k_ref = v_.ref_unchecked(d, i), v_ref = v_.ref_unchecked(d, d.count + i);
         if (k_ref >= object_count || v_ref >= object_count) return false;
         std::uint8_t role = roles[k_ref];
         if (role == kRoleUnseen) role = roles[k_ref] = key_role(k_ref);
         if (role == kRoleBad) return false;
-        auto value = v_.item(v_ref);
-        if (!value) return false;
+        Item value;
+        if (!v_.item_into(v_ref, value)) return false;
         switch (role) {
           case kRoleClassName: is_class = true; break;
           case kRoleClass:
-            if (!cls) cls = &(cls_item = value.value());
+            if (!has_cls) {
+              has_cls = true;
+              cls_type = value.type;
+              cls_uid = value.scalar;
+            }
             break;
           case kRoleKeys:
-            if (!keys) keys = &(keys_item = value.value());
+            if (!keys.present) keys = ListItem{true, value.type, value.pos, value.count};
             break;
           case kRoleObjects:
-            if (!objects) objects = &(objects_item = value.value());
+            if (!objects.present) objects = ListItem{true, value.type, value.pos, value.count};
             break;
-          case kRoleTarget: note_target(value.value()); break;  // each read by the Foundation class that has it
+          case kRoleTarget: note_target(value); break;  // each read by the Foundation class that has it
           default: break;
         }
       }
@@ -936,16 +947,16 @@ class KeyedUnarchiverImpl final : public KeyedDecoder {
         kinds[uid] = kClass;
         continue;
       }
-      if (!cls || cls->type != Type::Uid) return false;
+      if (!has_cls || cls_type != Type::Uid) return false;
       kinds[uid] = kRecord;
       LookupRecord& rec = records[uid];
       rec = LookupRecord{};
-      rec.cls = cls->scalar;
-      rec.has_keys = keys != nullptr;
-      rec.has_objects = objects != nullptr;
+      rec.cls = cls_uid;
+      rec.has_keys = keys.present;
+      rec.has_objects = objects.present;
       if (!note_list(keys, rec.first_key) || !note_list(objects, rec.first_object)) return false;
-      rec.key_count = keys ? keys->count : 0;
-      rec.object_count = objects ? objects->count : 0;
+      rec.key_count = keys.count;
+      rec.object_count = objects.count;
     }
     for (std::uint64_t t : targets)
       if (t >= count || kinds[t] == kClass) return false;
@@ -1065,9 +1076,9 @@ class KeyedUnarchiverImpl final : public KeyedDecoder {
       }
       default: v.kind = Value::Kind::Other; return v;
     }
-    auto it = v_.item(v_.ref_unchecked(objects_, uid));
-    if (!it) return std::nullopt;
-    switch (it->type) {
+    Item it;
+    if (!v_.item_into(v_.ref_unchecked(objects_, uid), it)) return std::nullopt;
+    switch (it.type) {
       case Type::AsciiString:
       case Type::Utf8String:
       case Type::Utf16String:
@@ -1076,20 +1087,20 @@ class KeyedUnarchiverImpl final : public KeyedDecoder {
           v.text = scratch_->texts[uid];
         } else {
           v.converted = true;
-          v.converted_text = v_.text(it.value());
+          v.converted_text = v_.text(it);
         }
         return v;
       case Type::Int:
-        v.kind = it->flag ? Value::Kind::Unsigned : Value::Kind::Signed;
-        v.bits = it->scalar;
+        v.kind = it.flag ? Value::Kind::Unsigned : Value::Kind::Signed;
+        v.bits = it.scalar;
         return v;
       case Type::Real:
         v.kind = Value::Kind::Real;
-        v.bits = std::bit_cast<std::uint64_t>(v_.real(it.value()));
+        v.bits = std::bit_cast<std::uint64_t>(v_.real(it));
         return v;
       case Type::Bool:
         v.kind = Value::Kind::Bool;
-        v.bits = it->flag ? 1 : 0;
+        v.bits = it.flag ? 1 : 0;
         return v;
       case Type::Null:
         return Value{};
@@ -1307,13 +1318,13 @@ class KeyedUnarchiverImpl final : public KeyedDecoder {
           return false;
         }
       }
-      auto vi = v_.item(val.value());
-      if (!vi) {
-        fail(vi.error().message);
+      Item vi;  // a local, not a result: the item is copied into the field
+      if (!v_.item_into(val.value(), vi)) {
+        fail(v_.item(val.value()).error().message);
         return false;
       }
       if (key.size() >= 2 && key[0] == '$' && key[1] == '$') key.remove_prefix(1);
-      f.fields.push_back(Field{key, vi.value()});
+      f.fields.push_back(Field{key, vi});
     }
     return true;
   }
@@ -1421,17 +1432,17 @@ class KeyedUnarchiverImpl final : public KeyedDecoder {
       fail(ref.error().message);
       return nullptr;
     }
-    auto it = v_.item(ref.value());
-    if (!it) {
-      fail(it.error().message);
+    Item it;  // a local, not a result: the item is copied on below
+    if (!v_.item_into(ref.value(), it)) {
+      fail(v_.item(ref.value()).error().message);
       return nullptr;
     }
     state_[uid] = 1;
-    switch (it->type) {
+    switch (it.type) {
       case Type::AsciiString:
       case Type::Utf8String:
         // A slot holding "$null" stands for nil (a conditional object that was never written).
-        if (v_.raw(it.value()) == "$null") return nullptr;
+        if (v_.raw(it) == "$null") return nullptr;
         [[fallthrough]];
       case Type::Int:
       case Type::Real:
@@ -1439,7 +1450,7 @@ class KeyedUnarchiverImpl final : public KeyedDecoder {
       case Type::Date:
       case Type::Data:
       case Type::Utf16String:
-        decoded_[uid] = value_object(it.value());
+        decoded_[uid] = value_object(it);
         return decoded_[uid];
       case Type::Null:
         return nullptr;
@@ -1454,7 +1465,7 @@ class KeyedUnarchiverImpl final : public KeyedDecoder {
     const bool now = depth < kInlineDepth;
     Frame scratch_frame;
     Frame& f = now ? frame_at(depth + 1) : scratch_frame;
-    if (!load_fields(it.value(), f)) return nullptr;
+    if (!load_fields(it, f)) return nullptr;
     std::uint64_t class_uid = UINT64_MAX;
     for (const Field& field : f.fields) {
       if (field.key == "$class") {
@@ -1471,9 +1482,9 @@ class KeyedUnarchiverImpl final : public KeyedDecoder {
     Ref<Object> shell = make_shell(info);
     decoded_[uid] = shell;
     if (now) {
-      fill(shell.get(), it.value(), info, depth + 1, /*fields_loaded=*/true);
+      fill(shell.get(), it, info, depth + 1, /*fields_loaded=*/true);
     } else {
-      pending_.push_back(Pending{shell.get(), it.value(), &info});
+      pending_.push_back(Pending{shell.get(), it, &info});
     }
     return shell;
   }
