@@ -14,6 +14,7 @@
 // writes them with the smallest offset and reference sizes the counts allow.
 #pragma once
 
+#include <bit>
 #include <cstdint>
 #include <cstring>
 #include <functional>
@@ -74,8 +75,31 @@ inline std::uint64_t hash_bytes(std::string_view s) {
     h = (h ^ w) * 0xff51afd7ed558ccdull;
     h ^= h >> 32;
   }
+  // The last bytes as a little-endian number, read with fixed-size loads: a copy of a variable size is
+  // a call whose bytes, read back at once, stall.
+  const std::size_t r = s.size() - i;
   std::uint64_t tail = 0;
-  std::memcpy(&tail, s.data() + i, s.size() - i);
+  if constexpr (std::endian::native == std::endian::little) {
+    const char* p = s.data();
+    if (r > 0 && s.size() >= 8) {
+      std::memcpy(&tail, p + s.size() - 8, 8);  // overlaps the words above: their bytes shifted out
+      tail >>= (8 - r) * 8;
+    } else if (r >= 4) {
+      std::uint32_t a, b;
+      std::memcpy(&a, p, 4);
+      std::memcpy(&b, p + r - 4, 4);
+      tail = a | (std::uint64_t{b} << ((r - 4) * 8));
+    } else if (r >= 2) {
+      std::uint16_t a, b;
+      std::memcpy(&a, p, 2);
+      std::memcpy(&b, p + r - 2, 2);
+      tail = a | (std::uint64_t{b} << ((r - 2) * 8));
+    } else if (r == 1) {
+      tail = static_cast<unsigned char>(p[0]);
+    }
+  } else {
+    std::memcpy(&tail, s.data() + i, r);
+  }
   h = (h ^ tail) * 0xc4ceb9fe1a85ec53ull;
   return h ^ (h >> 29);
 }
@@ -183,14 +207,31 @@ class View {
       }
       return false;
     case 0x5:
-    case 0x7:
-      if (lo != 0xf && lo <= room) {
-        it.type = hi == 0x5 ? Type::AsciiString : Type::Utf8String;
+    case 0x6:
+    case 0x7: {
+      const Type type = hi == 0x5 ? Type::AsciiString : hi == 0x6 ? Type::Utf16String : Type::Utf8String;
+      const unsigned unit = hi == 0x6 ? 2 : 1;
+      if (lo != 0xf) {
+        if (std::uint64_t{lo} * unit > room) return false;
+        it.type = type;
         it.count = lo;
         it.pos = o + 1;
         return true;
       }
-      return false;
+      // A longer string: its count follows as an integer of 1 to 8 bytes.
+      if (room < 1) return false;
+      const unsigned m = b[o + 1];
+      if ((m >> 4) != 1 || (m & 0xf) > 3) return false;
+      const unsigned n = 1u << (m & 0xf);
+      if (n > room - 1) return false;
+      const std::uint64_t count = detail::be(b + o + 2, n);
+      const std::uint64_t left = room - 1 - n;
+      if (count > left / unit) return false;
+      it.type = type;
+      it.count = count;
+      it.pos = o + 2 + n;
+      return true;
+    }
     case 0x8:
       if (lo < 8 && lo + 1u <= room) {
         it.type = Type::Uid;

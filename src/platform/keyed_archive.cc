@@ -1037,9 +1037,9 @@ class KeyedUnarchiverImpl final : public KeyedDecoder {
       if (uid == 0 || kinds()[uid] != kRecord) return nullptr;  // not a dictionary
       const Builtin b = scratch_->records[uid].builtin;
       if (b != Builtin::Dict && b != Builtin::MutableDict) return nullptr;
-      std::optional<std::uint64_t> found = find_entry(uid, path[step]);
-      if (!found) return std::nullopt;
-      uid = *found;
+      const std::uint64_t found = find_entry(uid, path[step]);
+      if (found == kUnsure) return std::nullopt;
+      uid = found;
       if (uid == 0) return nullptr;
     }
     Ref<Object> value = decode_uid(uid, 0);
@@ -1057,9 +1057,9 @@ class KeyedUnarchiverImpl final : public KeyedDecoder {
       if (uid == 0 || kinds()[uid] != kRecord) return Value{};  // not a dictionary
       const Builtin b = scratch_->records[uid].builtin;
       if (b != Builtin::Dict && b != Builtin::MutableDict) return Value{};
-      std::optional<std::uint64_t> found = find_entry(uid, path[step]);
-      if (!found) return std::nullopt;
-      uid = *found;
+      const std::uint64_t found = find_entry(uid, path[step]);
+      if (found == kUnsure) return std::nullopt;
+      uid = found;
       if (uid == 0) return Value{};
     }
     Value v;
@@ -1111,8 +1111,10 @@ class KeyedUnarchiverImpl final : public KeyedDecoder {
   }
 
   // The UID under `key` in a dictionary record, as the decoded dictionary's first entry with that key
-  // would hold it (0: none); nothing for entries these lookups leave to unarchiving.
-  std::optional<std::uint64_t> find_entry(std::uint64_t dict_uid, std::string_view key) {
+  // would hold it (0: none); kUnsure for entries these lookups leave to unarchiving. A plain number
+  // rather than an optional, whose flag byte was read back with the value in one wide load.
+  static constexpr std::uint64_t kUnsure = UINT64_MAX;
+  std::uint64_t find_entry(std::uint64_t dict_uid, std::string_view key) {
     const LookupRecord& rec = scratch_->records[dict_uid];
     if (!rec.has_keys || !rec.has_objects) return 0;  // the decoded dictionary is empty
     const std::uint64_t n = std::min(rec.key_count, rec.object_count);
@@ -1135,13 +1137,13 @@ class KeyedUnarchiverImpl final : public KeyedDecoder {
     const std::string_view* const texts = scratch_->texts.data();
     for (std::uint64_t i = 0; i < n; ++i) {
       const std::uint64_t k = keys[i], v = values[i];
-      if (k == kInline || v == kInline) return std::nullopt;  // written in place
+      if (k == kInline || v == kInline) return kUnsure;  // written in place
       if (k == 0 || v == 0 || kinds[k] == kNil || kinds[v] == kNil) continue;  // the entry is left out
-      if (kinds[k] != kValue) return std::nullopt;  // an object as key (a string record, say)
+      if (kinds[k] != kValue) return kUnsure;  // an object as key (a string record, say)
       const std::string_view text = texts[k];
       if (text.data() == nullptr) {  // not a plain string: compared as unarchiving reads it
         auto key_item = v_.item(v_.ref_unchecked(objects_, k));
-        if (!key_item) return std::nullopt;
+        if (!key_item) return kUnsure;
         if (v_.text_equals(key_item.value(), key)) return v;
         continue;
       }
