@@ -68,7 +68,7 @@ class FlatGraph {
     std::uint32_t count = 0;  // entries
     std::uint32_t first = kNone, last = kNone;
     std::uint64_t bits = 0;  // numbers
-    std::string_view text;   // strings
+    std::string_view text{};  // strings
   };
   struct Edge {
     Node key, value;

@@ -1,5 +1,6 @@
 // Album and favourite friend nodes: records of the legacy store, matched to sidebar entries by their
 // object URIs ("ff-<URI>", "fa-<URI>"), and the unfiled ones collected in the store's order.
+#include <fmt/format.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -161,7 +162,7 @@ TEST_F(AlbumFriendNodes, AlbumsOfOneReplyReadAheadInTheirOrderAndInAnyOther) {
   for (std::size_t a = 0; a < sizes.size(); ++a) {
     albums.push_back(s.add_album("Album " + std::to_string(a), static_cast<int>(50 + a)));
     for (int i = 0; i < sizes[a]; ++i) {
-      const std::string id = std::to_string(a) + "." + std::to_string(i);
+      const std::string id = fmt::format("{}.{}", a, i);
       const bool damaged = i % 11 == 4;
       const std::optional<std::string> bytes =
           damaged ? std::optional<std::string>("damaged " + id)

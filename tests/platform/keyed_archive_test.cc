@@ -81,7 +81,7 @@ TEST(KeyedArchiveFixtures, ArchivesWrittenByAppleDecodeToTheirFacts) {
     ASSERT_EQ(tops->size(), 12u);
     auto get = [&](int i) -> Object* {
       for (auto& [k, v] : tops.value())
-        if (k == "$" + std::to_string(i)) return v.get();
+        if (k.size() > 1 && k[0] == '$' && k.substr(1) == std::to_string(i)) return v.get();
       return nullptr;
     };
     EXPECT_EQ(get(0), get(1));

@@ -490,7 +490,9 @@ TEST(BinaryPlist, ValuesAroundTheBuildersInlineRoomKeepEveryBit) {
       EXPECT_EQ(it.type, type);
       EXPECT_EQ(it.count, n);
       const bool dict = type == bplist::Type::Dict;
-      if (n) EXPECT_EQ(view->ref(it, dict ? 2 * n - 1 : n - 1).value(), refs[dict ? 1 : 0]);  // the last value
+      if (n) {
+        EXPECT_EQ(view->ref(it, dict ? 2 * n - 1 : n - 1).value(), refs[dict ? 1 : 0]);  // the last value
+      }
     }
   }
 }

@@ -1,4 +1,5 @@
 // The built orvia4-importer, started by a private dbus-daemon on the first call, as a session bus does.
+#include <fmt/format.h>
 #include <gtest/gtest.h>
 #include <fcntl.h>
 #include <signal.h>
@@ -42,7 +43,7 @@ fs::path services_with_args(const test::TempDir& dir, const std::string& args) {
 }
 
 std::string environment_of(pid_t pid) {
-  std::string env = "\n" + test::read_file("/proc/" + std::to_string(pid) + "/environ");
+  std::string env = fmt::format("\n{}", test::read_file(fmt::format("/proc/{}/environ", pid)));
   for (char& c : env) {
     if (c == '\0') c = '\n';
   }
