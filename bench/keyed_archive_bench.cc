@@ -41,7 +41,7 @@ Ref<Object> media(int i) {
                                {"caption_is_edited", boolean(false)}});
   return mutable_dict({{"taken_at", str(std::to_string(1400000000 + i))}, {"id", str(id)},
                        {"pk", str(std::to_string(900000000 + i))}, {"device_timestamp", str(std::to_string(1400000000 + i))},
-                       {"media_type", num(1)}, {"code", str("C" + std::to_string(i))}, {"filter_type", num(0)},
+                       {"media_type", num(1)}, {"code", str(std::string("C").append(std::to_string(i)))}, {"filter_type", num(0)},
                        {"image_versions2", mutable_dict({{"candidates", candidates}})}, {"original_width", num(640)},
                        {"original_height", num(640)}, {"user", user}, {"caption", caption},
                        {"like_count", num(i % 500)}, {"has_liked", boolean(i % 3 == 0)}, {"likers", mutable_array()},
