@@ -188,8 +188,8 @@ class View {
 };
 
 // The quick readings are inline: unarchiving calls them for nearly every object it meets. So is
-// item() for short strings, UIDs, small containers and integers of up to 8 bytes, giving exactly the
-// item item_slow() would; every other object, and every error, is item_slow()'s.
+// item() for strings, UIDs, small containers and integers of up to 8 bytes, giving exactly the item
+// item_slow() would; every other object, and every error, is item_slow()'s.
 [[gnu::always_inline]] inline bool View::quick_item(std::uint64_t index, Item& it) const {
   if (index >= num_objects_) return false;
   const std::uint64_t o = offset(index);
