@@ -308,7 +308,7 @@ class Builder {
   // Starts loading what add_string(utf8) will look at first, so that a caller about to add several
   // strings waits for memory once rather than once per string. Changes nothing.
   void prefetch_string(std::string_view utf8) const {
-    __builtin_prefetch(&strings_.slots[static_cast<std::uint32_t>(hash_bytes(utf8)) & (strings_.slots.size() - 1)]);
+    prefetch(&strings_.slots[static_cast<std::uint32_t>(hash_bytes(utf8)) & (strings_.slots.size() - 1)]);
   }
   std::uint32_t add_int(std::int64_t v);
   std::uint32_t add_uint(std::uint64_t v);

@@ -177,7 +177,7 @@ class FieldPrefetcher final : public KeyedEncoder {
   explicit FieldPrefetcher(std::vector<const Object*>& fields) : fields_(fields) {}
   void encode_object(std::string_view, const Object* obj) override {
     if (!obj) return;
-    __builtin_prefetch(obj);
+    prefetch(obj);
     fields_.push_back(obj);
   }
   void encode_int64(std::string_view, std::int64_t) override {}
@@ -316,7 +316,7 @@ class Archiver final : public KeyedEncoder {
     // The strings' bytes, then the builder's table slots they will look at, loaded ahead in two passes
     // (as prefetch_strings does for a dictionary of objects).
     for (std::size_t n = 0; n < graph.size(); ++n)
-      if (graph.node(n).kind == FlatGraph::Kind::String) __builtin_prefetch(graph.node(n).text.data());
+      if (graph.node(n).kind == FlatGraph::Kind::String) prefetch(graph.node(n).text.data());
     for (std::size_t n = 0; n < graph.size(); ++n)
       if (graph.node(n).kind == FlatGraph::Kind::String) b_.prefetch_string(graph.node(n).text);
     const std::uint32_t uid = uid_of_node(graph, root);
@@ -544,10 +544,10 @@ class Archiver final : public KeyedEncoder {
   // instead of once per entry.
   template <class Entries>
   void prefetch_strings(const Entries& entries) {
-    for (const auto& e : entries) __builtin_prefetch(e.second.get());
+    for (const auto& e : entries) prefetch(e.second.get());
     for (const auto& e : entries) {
       const Object* o = e.second.get();
-      if (o && o->kind() == ObjectKind::String) __builtin_prefetch(static_cast<const String*>(o)->str().data());
+      if (o && o->kind() == ObjectKind::String) prefetch(static_cast<const String*>(o)->str().data());
     }
     for (const auto& e : entries) {
       const Object* o = e.second.get();
@@ -568,7 +568,7 @@ class Archiver final : public KeyedEncoder {
         static_cast<const Record*>(o)->encode_with_coder(prefetcher);
     }
     for (const Object* o : fields_)
-      if (o->kind() == ObjectKind::String) __builtin_prefetch(static_cast<const String*>(o)->str().data());
+      if (o->kind() == ObjectKind::String) prefetch(static_cast<const String*>(o)->str().data());
     for (const Object* o : fields_)
       if (o->kind() == ObjectKind::String && !ArchiveScratch::claimed(o, run_))
         b_.prefetch_string(static_cast<const String*>(o)->str());
@@ -600,10 +600,10 @@ class Archiver final : public KeyedEncoder {
     // Items are taken sixteen at a time: the headers of the next sixteen are loaded ahead (each is
     // read first, to find whether it has a UID yet), and the fields of these before they are written.
     constexpr std::size_t kAhead = 16;
-    for (std::size_t i = 0; i < std::min(items.size(), kAhead); ++i) __builtin_prefetch(items[i].get());
+    for (std::size_t i = 0; i < std::min(items.size(), kAhead); ++i) prefetch(items[i].get());
     for (std::size_t first = 0; first < items.size(); first += kAhead) {
       const std::size_t end = std::min(items.size(), first + kAhead);
-      for (std::size_t i = end; i < std::min(items.size(), end + kAhead); ++i) __builtin_prefetch(items[i].get());
+      for (std::size_t i = end; i < std::min(items.size(), end + kAhead); ++i) prefetch(items[i].get());
       prefetch_fields(items, first, end);
       for (std::size_t i = first; i < end; ++i) refs.push_back(b_.add_uid(uid_of(items[i].get())));
     }
