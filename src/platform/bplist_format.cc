@@ -451,12 +451,12 @@ void grow_if_full(Slots& slots, std::size_t used, Place place) {
 
 }  // namespace
 
-std::uint32_t Builder::add_bytes(BytesTable& t, std::string_view bytes, Type type, bool ascii) {
+std::uint32_t Builder::add_bytes(BytesTable& t, std::string_view bytes, std::uint64_t hash, Type type, bool ascii) {
   using Slot = BytesTable::Slot;
   grow_if_full(t.slots, t.used, [](const Slot& slot) { return std::size_t{slot.hash}; });
   const std::size_t mask = t.slots.size() - 1;
   // The low 32 bits of the hash place the slot and are kept in it, so growing needs no rehashing.
-  const std::uint32_t tag = static_cast<std::uint32_t>(hash_bytes(bytes));
+  const auto tag = static_cast<std::uint32_t>(hash);
   std::size_t i = tag & mask;
   while (std::uint32_t v = t.slots[i].index_plus_one) {
     if (t.slots[i].hash == tag && utf8_of(objects_[v - 1]) == bytes) return v - 1;
@@ -495,10 +495,14 @@ std::uint32_t Builder::add_bytes(BytesTable& t, std::string_view bytes, Type typ
 }
 
 std::uint32_t Builder::add_string(std::string_view s) {
-  return add_bytes(strings_, s, Type::Utf8String, is_ascii(s));
+  return add_bytes(strings_, s, hash_bytes(s), Type::Utf8String, is_ascii(s));
 }
 
-std::uint32_t Builder::add_data(std::string_view d) { return add_bytes(datas_, d, Type::Data, false); }
+std::uint32_t Builder::add_string(std::string_view s, std::uint64_t hash) {
+  return add_bytes(strings_, s, hash, Type::Utf8String, is_ascii(s));
+}
+
+std::uint32_t Builder::add_data(std::string_view d) { return add_bytes(datas_, d, hash_bytes(d), Type::Data, false); }
 
 std::uint32_t Builder::add_scalar(ScalarTable& t, Type type, std::uint8_t flag, std::uint64_t bits) {
   using Slot = ScalarTable::Slot;

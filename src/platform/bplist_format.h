@@ -306,10 +306,15 @@ class Builder {
   // go away once added.
   std::uint32_t add_string(std::string_view utf8);
   // Starts loading what add_string(utf8) will look at first, so that a caller about to add several
-  // strings waits for memory once rather than once per string. Changes nothing.
-  void prefetch_string(std::string_view utf8) const {
-    prefetch(&strings_.slots[static_cast<std::uint32_t>(hash_bytes(utf8)) & (strings_.slots.size() - 1)]);
+  // strings waits for memory once rather than once per string. Changes nothing. Gives the string's
+  // hash, which add_string may be handed so as not to work it out again.
+  std::uint64_t prefetch_string(std::string_view utf8) const {
+    const std::uint64_t hash = hash_bytes(utf8);
+    prefetch(&strings_.slots[static_cast<std::uint32_t>(hash) & (strings_.slots.size() - 1)]);
+    return hash;
   }
+  // add_string(utf8), given hash_bytes(utf8).
+  std::uint32_t add_string(std::string_view utf8, std::uint64_t hash);
   std::uint32_t add_int(std::int64_t v);
   std::uint32_t add_uint(std::uint64_t v);
   std::uint32_t add_real(double v);
@@ -464,7 +469,7 @@ class Builder {
     std::vector<Slot, PrefaultAllocator<Slot>> slots = std::vector<Slot, PrefaultAllocator<Slot>>(64);
     std::size_t used = 0;
   };
-  std::uint32_t add_bytes(BytesTable& table, std::string_view bytes, Type type, bool ascii);
+  std::uint32_t add_bytes(BytesTable& table, std::string_view bytes, std::uint64_t hash, Type type, bool ascii);
   std::uint32_t push(Obj o);
   Obj scalar(Type type, bool flag, std::uint64_t bits);  // its value boxed in the arena when too wide
   std::uint64_t encoded_size(const Obj& o, unsigned ref_size) const;

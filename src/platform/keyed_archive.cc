@@ -313,12 +313,13 @@ class Archiver final : public KeyedEncoder {
   std::uint32_t uid_of_graph(const FlatGraph& graph, FlatGraph::Node root) {
     in_graph_ = true;
     graph_uids_.assign(graph.size(), kNoUid);
+    graph_hashes_.resize(graph.size());
     // The strings' bytes, then the builder's table slots they will look at, loaded ahead in two passes
-    // (as prefetch_strings does for a dictionary of objects).
+    // (as prefetch_strings does for a dictionary of objects); the strings' hashes are kept for adding them.
     for (std::size_t n = 0; n < graph.size(); ++n)
       if (graph.node(n).kind == FlatGraph::Kind::String) prefetch(graph.node(n).text.data());
     for (std::size_t n = 0; n < graph.size(); ++n)
-      if (graph.node(n).kind == FlatGraph::Kind::String) b_.prefetch_string(graph.node(n).text);
+      if (graph.node(n).kind == FlatGraph::Kind::String) graph_hashes_[n] = b_.prefetch_string(graph.node(n).text);
     const std::uint32_t uid = uid_of_node(graph, root);
     in_graph_ = false;
     return uid;
@@ -335,7 +336,7 @@ class Archiver final : public KeyedEncoder {
     slot = uid;
     switch (d.kind) {
       case FlatGraph::Kind::String:
-        entries_.push_back(b_.add_string(d.text));
+        entries_.push_back(b_.add_string(d.text, graph_hashes_[n]));
         return uid;
       case FlatGraph::Kind::Number:
         entries_.push_back(d.number_type == Number::Type::Real       ? b_.add_real(std::bit_cast<double>(d.bits))
@@ -731,6 +732,7 @@ class Archiver final : public KeyedEncoder {
   std::deque<std::string> owned_;
   std::vector<Ref<Object>> kept_;  // streamed objects with parts still to write
   std::vector<std::uint32_t> graph_uids_;  // node -> UID, for the graph being written
+  std::vector<std::uint64_t> graph_hashes_;  // node -> its string's hash, for the graph being written
   std::vector<const Object*> fields_;      // what prefetch_fields found, reused
   std::array<KnownConstant, 256> known_constants_{};
   std::deque<SharedKeys> shared_keys_;     // the dictionary shapes met in graphs (a deque: entries stay put)
