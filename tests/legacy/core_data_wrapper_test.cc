@@ -6,7 +6,6 @@
 
 #include <atomic>
 #include <chrono>
-#include <cstdlib>
 #include <thread>
 
 #include "legacy_test_util.h"
@@ -19,23 +18,9 @@ namespace fs = std::filesystem;
 namespace orvia {
 namespace {
 
+using test::HomeOverride;
 using test::snapshot_tree;
 using test::TempDir;
-
-// Points $HOME at a folder for the scope (the attach reads it when it runs).
-class HomeOverride {
- public:
-  explicit HomeOverride(const fs::path& home) {
-    if (const char* h = std::getenv("HOME")) saved_ = h;
-    ::setenv("HOME", home.c_str(), 1);
-  }
-  ~HomeOverride() {
-    if (saved_) ::setenv("HOME", saved_->c_str(), 1); else ::unsetenv("HOME");
-  }
-
- private:
-  std::optional<std::string> saved_;
-};
 
 void serve_main_queue_until(const std::function<bool()>& done) {
   for (int i = 0; i < 400 && !done(); ++i) MainQueue::shared().drain(std::chrono::milliseconds(50));

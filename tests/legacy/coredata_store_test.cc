@@ -72,7 +72,7 @@ std::vector<std::int64_t> members(const CoreDataStore& store, const ToManyLayout
 }
 
 // Copies fixture files into a fresh folder (fixtures are opened by the reader only through copies,
-// except F3, whose in-place read is itself under test).
+// except the WAL fixture, whose in-place read is itself under test).
 fs::path copy_fixture(const TempDir& dir, const std::string& name) {
   fs::copy_file(test::fixture("coredata/" + name), dir.path() / fs::path(name).filename());
   return dir.path() / fs::path(name).filename();
@@ -348,71 +348,43 @@ void write_small_store(const fs::path& path) {
   store.db().exec("COMMIT");
 }
 
-std::string read_bytes(const fs::path& p) { return test::read_file(p); }
-
 TEST(CoreDataStore, RefusesStoresItCannotRead) {
   struct Case {
     const char* name;
-    std::function<void(const fs::path&)> make;  // writes the store file (or whatever stands in for it)
+    bool from_store;                             // start from a small valid store
+    std::function<void(const fs::path&)> make;  // writes (or spoils) the store file
     int code;
   };
+  auto sql = [](const char* statement) { return [statement](const fs::path& p) { TestDb(p).exec(statement); }; };
   const std::vector<Case> cases = {
-      {"missing file", [](const fs::path&) {}, SQLITE_CANTOPEN},
-      {"a folder", [](const fs::path& p) { fs::create_directory(p); }, SQLITE_CANTOPEN},
-      {"empty file", [](const fs::path& p) { test::write_file(p, ""); }, SQLITE_NOTADB},
-      {"text file", [](const fs::path& p) { test::write_file(p, std::string(8192, 'x')); }, SQLITE_NOTADB},
-      {"garbage after a valid magic",
-       [](const fs::path& p) {
-         std::string bytes = std::string("SQLite format 3\0", 16) + std::string(4096 - 16, '\x7f');
-         test::write_file(p, bytes);
-       },
+      {"missing file", false, [](const fs::path&) {}, SQLITE_CANTOPEN},
+      {"a folder", false, [](const fs::path& p) { fs::create_directory(p); }, SQLITE_CANTOPEN},
+      {"empty file", false, [](const fs::path& p) { test::write_file(p, ""); }, SQLITE_NOTADB},
+      {"text file", false, [](const fs::path& p) { test::write_file(p, std::string(8192, 'x')); }, SQLITE_NOTADB},
+      {"garbage after a valid magic", false,
+       [](const fs::path& p) { test::write_file(p, std::string("SQLite format 3\0", 16) + std::string(4080, '\x7f')); },
        SQLITE_NOTADB},
-      {"truncated to two pages",
-       [](const fs::path& p) {
-         write_small_store(p);
-         fs::resize_file(p, 2 * 4096);
-       },
+      {"truncated to two pages", true, [](const fs::path& p) { fs::resize_file(p, 2 * 4096); }, SQLITE_CORRUPT},
+      {"truncated inside a page", true, [](const fs::path& p) { fs::resize_file(p, fs::file_size(p) - 1000); },
        SQLITE_CORRUPT},
-      {"truncated inside a page",
+      {"corrupt schema page", true,
        [](const fs::path& p) {
-         write_small_store(p);
-         fs::resize_file(p, fs::file_size(p) - 1000);
-       },
-       SQLITE_CORRUPT},
-      {"corrupt schema page",
-       [](const fs::path& p) {
-         write_small_store(p);
-         std::string bytes = read_bytes(p);
+         std::string bytes = test::read_file(p);
          for (std::size_t i = 100; i < 4096; ++i) bytes[i] = static_cast<char>(0xA5 ^ (i * 7));
          test::write_file(p, bytes);
        },
        SQLITE_CORRUPT},
-      {"no Z_PRIMARYKEY",
-       [](const fs::path& p) {
-         write_small_store(p);
-         TestDb(p).exec("DROP TABLE Z_PRIMARYKEY");
-       },
-       SQLITE_CORRUPT},
-      {"no Z_METADATA",
-       [](const fs::path& p) {
-         write_small_store(p);
-         TestDb(p).exec("DROP TABLE Z_METADATA");
-       },
-       SQLITE_CORRUPT},
-      {"no metadata row",
-       [](const fs::path& p) {
-         write_small_store(p);
-         TestDb(p).exec("DELETE FROM Z_METADATA");
-       },
-       SQLITE_CORRUPT},
-      {"plain SQLite database",
-       [](const fs::path& p) { TestDb(p).exec("CREATE TABLE notes (id INTEGER PRIMARY KEY, text VARCHAR)"); },
+      {"no Z_PRIMARYKEY", true, sql("DROP TABLE Z_PRIMARYKEY"), SQLITE_CORRUPT},
+      {"no Z_METADATA", true, sql("DROP TABLE Z_METADATA"), SQLITE_CORRUPT},
+      {"no metadata row", true, sql("DELETE FROM Z_METADATA"), SQLITE_CORRUPT},
+      {"plain SQLite database", false, sql("CREATE TABLE notes (id INTEGER PRIMARY KEY, text VARCHAR)"),
        SQLITE_CORRUPT},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
     TempDir dir;
     const fs::path path = dir / "InstaGramStore.db";
+    if (c.from_store) write_small_store(path);
     c.make(path);
     const auto before = snapshot_tree(dir.path());
     CoreDataStore::OpenError error;
@@ -458,49 +430,6 @@ TEST(CoreDataStore, RefusesAStoreThatAnotherProcessIsWriting) {
   }
 }
 
-TEST(CoreDataStore, ReadsCommittedRowsThatOnlyTheWalHolds) {
-  TempDir dir;
-  const fs::path path = dir / "InstaGramStore.db";
-  write_small_store(path);
-  TestDb writer(path);
-  writer.exec("PRAGMA journal_mode=WAL; PRAGMA wal_autocheckpoint=0;");
-  for (int i = 2; i <= 30; ++i) {
-    writer.exec("INSERT INTO ZACCOUNT (Z_PK, Z_ENT, Z_OPT, ZUID) VALUES (" + std::to_string(i) + ", 1, 1, 'u" +
-                std::to_string(i) + "')");
-  }
-  ASSERT_GT(fs::file_size(path.string() + "-wal"), 0u);
-
-  // The writer stays open and idle (its -shm present): the rows are only in the -wal.
-  {
-    const auto before = snapshot_tree(dir.path());
-    auto opened = CoreDataStore::open(path.string());
-    ASSERT_TRUE(opened.ok()) << opened.error().message;
-    EXPECT_TRUE(opened.value()->read_from_private_copy());
-    EXPECT_EQ(rows_of(*opened.value(), "Account"), 30);
-    opened = Error{"closed"};
-    EXPECT_EQ(snapshot_tree(dir.path()), before);
-  }
-  // The same files copied while the -wal holds the frames, without -shm (as a crashed writer leaves).
-  TempDir copy;
-  fs::copy_file(path, copy / "InstaGramStore.db");
-  fs::copy_file(path.string() + "-wal", (copy / "InstaGramStore.db").string() + "-wal");
-  writer.close();
-  const auto before = snapshot_tree(copy.path());
-  {
-    auto opened = CoreDataStore::open((copy / "InstaGramStore.db").string());
-    ASSERT_TRUE(opened.ok()) << opened.error().message;
-    EXPECT_EQ(rows_of(*opened.value(), "Account"), 30);
-    // Without its -wal the main file alone shows the checkpointed state only.
-    TempDir main_only;
-    fs::copy_file(copy / "InstaGramStore.db", main_only / "InstaGramStore.db");
-    auto alone = CoreDataStore::open((main_only / "InstaGramStore.db").string());
-    ASSERT_TRUE(alone.ok());
-    EXPECT_FALSE(alone.value()->read_from_private_copy());
-    EXPECT_EQ(rows_of(*alone.value(), "Account"), 1);
-  }
-  EXPECT_EQ(snapshot_tree(copy.path()), before);
-}
-
 TEST(CoreDataStore, RollsBackAHotJournalInItsPrivateCopyOnly) {
   TempDir dir;
   const fs::path path = dir / "InstaGramStore.db";
@@ -530,33 +459,6 @@ TEST(CoreDataStore, RollsBackAHotJournalInItsPrivateCopyOnly) {
   EXPECT_EQ(snapshot_tree(crashed.path()), before);
 }
 
-TEST(CoreDataStore, ReadsFromAReadOnlyFolder) {
-  for (bool wal : {false, true}) {
-    SCOPED_TRACE(wal ? "with -wal" : "checkpointed");
-    TempDir dir;
-    const fs::path folder = dir / "Velmora";
-    fs::create_directories(folder);
-    const fs::path path = folder / "InstaGramStore.db";
-    write_small_store(path);
-    std::optional<TestDb> writer;
-    if (wal) {
-      writer.emplace(path);
-      writer->exec("PRAGMA journal_mode=WAL; PRAGMA wal_autocheckpoint=0;"
-                   "INSERT INTO ZACCOUNT (Z_PK, Z_ENT, Z_OPT) VALUES (2, 1, 1)");
-    }
-    fs::permissions(folder, fs::perms::owner_read | fs::perms::owner_exec | fs::perms::group_read |
-                                fs::perms::group_exec | fs::perms::others_read | fs::perms::others_exec);
-    const auto before = snapshot_tree(folder);
-    {
-      auto opened = CoreDataStore::open(path.string());
-      ASSERT_TRUE(opened.ok()) << opened.error().message;
-      EXPECT_EQ(rows_of(*opened.value(), "Account"), wal ? 2 : 1);
-    }
-    EXPECT_EQ(snapshot_tree(folder), before);
-    fs::permissions(folder, fs::perms::owner_all, fs::perm_options::add);
-  }
-}
-
 // -- Relationship discovery in InstaGram stores -----------------------------------------------------
 
 struct DiscoveryCase {
@@ -570,36 +472,20 @@ struct DiscoveryCase {
 TEST(CoreDataStore, FindsTheAlbumMembersInEveryLayout) {
   using K = ToManyLayout::Kind;
   using L = test::ImagesLayout;
-  auto opts = [](L layout, bool subs, bool model, std::string inverse, std::int64_t list_number = 5) {
-    test::InstaGramOptions o;
-    o.layout = layout;
-    o.sub_entities = subs;
-    o.model_cache = model;
-    o.inverse = std::move(inverse);
-    o.list = list_number;
-    // Numbered unlike the alphabetical default, so nothing can rely on the numbers.
-    if (list_number != 5) {
-      o.account = 7;
-      o.item = 2;
-      o.video = 9;
-      o.smart = 3;
-      o.friend_ = 8;
-    }
-    return o;
-  };
+  const auto opts = [](auto... args) { return test::store_options(args...); };
   const std::vector<DiscoveryCase> cases = {
-      {"foreign key", opts(L::ForeignKey, false, false, ""), K::ForeignKey, "ZLIST", false},
-      {"foreign key, model", opts(L::ForeignKey, false, true, ""), K::ForeignKey, "ZLIST", false},
-      {"ordered foreign key", opts(L::Ordered, false, false, ""), K::ForeignKey, "ZLIST", true},
-      {"ordered foreign key, model", opts(L::Ordered, true, true, ""), K::ForeignKey, "ZLIST", true},
+      {"foreign key", opts(L::ForeignKey), K::ForeignKey, "ZLIST", false},
+      {"foreign key, model", opts(L::ForeignKey, false, true), K::ForeignKey, "ZLIST", false},
+      {"ordered foreign key", opts(L::Ordered), K::ForeignKey, "ZLIST", true},
+      {"ordered foreign key, model", opts(L::Ordered, true, true), K::ForeignKey, "ZLIST", true},
       {"inverse named by the model only", opts(L::ForeignKey, false, true, "owningAlbum"), K::ForeignKey,
        "ZOWNINGALBUM", false},
       {"inverse found by its entity column", opts(L::ForeignKey, true, false, "album", 11), K::ForeignKey, "ZALBUM",
        false},
       {"inverse found by its index and keys", opts(L::ForeignKey, false, false, "album", 11), K::ForeignKey, "ZALBUM",
        false},
-      {"join table", opts(L::JoinTable, false, false, ""), K::JoinTable, "Z_5IMAGES", false},
-      {"join table, model", opts(L::JoinTable, true, true, ""), K::JoinTable, "Z_5IMAGES", false},
+      {"join table", opts(L::JoinTable), K::JoinTable, "Z_5IMAGES", false},
+      {"join table, model", opts(L::JoinTable, true, true), K::JoinTable, "Z_5IMAGES", false},
       {"join table, other numbers", opts(L::JoinTable, true, false, "albums", 11), K::JoinTable, "Z_11IMAGES", false},
   };
   for (const auto& c : cases) {

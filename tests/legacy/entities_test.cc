@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <functional>
 
 #include "legacy/core_data_wrapper.h"
 #include "legacy/user_defaults_wrapper.h"
@@ -24,6 +25,7 @@ using test::ImagesLayout;
 using test::InstaGramOptions;
 using test::InstaGramStore;
 using test::snapshot_tree;
+using test::store_options;
 using test::TempDir;
 
 constexpr const char* kBundle = "com.brenvik.velmora";
@@ -34,7 +36,12 @@ class Home {
  public:
   Home() { fs::create_directories(store_path().parent_path()); }
   fs::path store_path() const { return MQCoreDataWrapper::storePathForHome(dir_.path().string()); }
-  const fs::path& path() const { return dir_.path(); }
+  // Writes the store; `fill` adds its rows.
+  void write_store(const std::function<void(InstaGramStore&)>& fill, const InstaGramOptions& options = {}) {
+    InstaGramStore s(store_path(), options);
+    fill(s);
+  }
+  test::TreeSnapshot snapshot() const { return snapshot_tree(store_path().parent_path()); }
   void set_preferences(const Ref<Dictionary>& prefs) {
     auto bytes = write_binary_plist(prefs.get());
     ASSERT_TRUE(bytes.ok());
@@ -42,7 +49,9 @@ class Home {
                          (std::string(kBundle) + ".plist"),
                      bytes.value());
   }
-  Ref<MQUserDefaultsWrapper> defaults() const { return MQUserDefaultsWrapper::initWithBundleID(kBundle, path().string()); }
+  Ref<MQUserDefaultsWrapper> defaults() const {
+    return MQUserDefaultsWrapper::initWithBundleID(kBundle, dir_.path().string());
+  }
 
  private:
   TempDir dir_;
@@ -107,27 +116,17 @@ TEST(Albums, ComeInEveryOrderOfTheAlbumsPreferenceInEveryLayout) {
       {"real 2.7", real(2.7), &by_created}, {"YES", boolean(true), &by_count},
       {"text x", str("x"), &by_title},      {"a list", array({num(2)}), &by_title},
   };
-  struct LayoutCase {
-    const char* name;
-    ImagesLayout layout;
-    bool subs, model;
+  const std::vector<std::pair<const char*, InstaGramOptions>> layouts = {
+      {"foreign key", store_options(ImagesLayout::ForeignKey)},
+      {"ordered, sub-entities, model", store_options(ImagesLayout::Ordered, true, true)},
+      {"join table", store_options(ImagesLayout::JoinTable)},
+      {"join table, sub-entities, model", store_options(ImagesLayout::JoinTable, true, true)},
   };
-  const std::vector<LayoutCase> layouts = {{"foreign key", ImagesLayout::ForeignKey, false, false},
-                                           {"ordered, sub-entities, model", ImagesLayout::Ordered, true, true},
-                                           {"join table", ImagesLayout::JoinTable, false, false},
-                                           {"join table, sub-entities, model", ImagesLayout::JoinTable, true, true}};
-  for (const auto& l : layouts) {
-    SCOPED_TRACE(l.name);
+  for (const auto& [name, options] : layouts) {
+    SCOPED_TRACE(name);
     Home home;
-    InstaGramOptions o;
-    o.layout = l.layout;
-    o.sub_entities = l.subs;
-    o.model_cache = l.model;
-    {
-      InstaGramStore s(home.store_path(), o);
-      write_albums(s);
-    }
-    const auto before = snapshot_tree(home.store_path().parent_path());
+    home.write_store(write_albums, options);
+    const auto before = home.snapshot();
     for (const auto& c : orders) {
       SCOPED_TRACE(c.name);
       home.set_preferences(c.value ? dict({{"WZAlbumsOrderIndex", c.value}}) : dict({{"Other", num(1)}}));
@@ -136,7 +135,7 @@ TEST(Albums, ComeInEveryOrderOfTheAlbumsPreferenceInEveryLayout) {
       ASSERT_TRUE(albums);
       EXPECT_EQ(keys(*albums), *c.expected);
     }
-    EXPECT_EQ(snapshot_tree(home.store_path().parent_path()), before);
+    EXPECT_EQ(home.snapshot(), before);
   }
 }
 
@@ -144,14 +143,8 @@ TEST(Albums, HaveTheirValuesURIsAndMediaInTheRelationshipsOrder) {
   for (auto layout : {ImagesLayout::ForeignKey, ImagesLayout::Ordered, ImagesLayout::JoinTable}) {
     SCOPED_TRACE(static_cast<int>(layout));
     Home home;
-    InstaGramOptions o;
-    o.layout = layout;
-    o.sub_entities = true;
-    {
-      InstaGramStore s(home.store_path(), o);
-      write_albums(s);
-    }
-    const auto before = snapshot_tree(home.store_path().parent_path());
+    home.write_store(write_albums, store_options(layout, true));
+    const auto before = home.snapshot();
     {
       auto wrapper = attach(home.store_path(), home.defaults());
       auto albums = wrapper->currentAlbums();
@@ -205,7 +198,7 @@ TEST(Albums, HaveTheirValuesURIsAndMediaInTheRelationshipsOrder) {
       EXPECT_TRUE(untitled.enumerateImages([&](const ImageItemRow&) { return ++none > 0; }));
       EXPECT_EQ(none, 0u);
     }
-    EXPECT_EQ(snapshot_tree(home.store_path().parent_path()), before);
+    EXPECT_EQ(home.snapshot(), before);
   }
 }
 
@@ -240,11 +233,8 @@ TEST(Friends, ComeInEveryOrderOfTheFriendsPreferenceForEachAccount) {
       {"NO", boolean(false), &by_unread},
   };
   Home home;
-  {
-    InstaGramStore s(home.store_path());
-    write_friends(s);
-  }
-  const auto before = snapshot_tree(home.store_path().parent_path());
+  home.write_store(write_friends);
+  const auto before = home.snapshot();
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
     home.set_preferences(c.value ? dict({{"WZFavoriteFriendsOrderIndex", c.value}}) : dict({}));
@@ -259,15 +249,12 @@ TEST(Friends, ComeInEveryOrderOfTheFriendsPreferenceForEachAccount) {
         c.expected == &by_added ? std::vector<std::int64_t>{8, 9} : std::vector<std::int64_t>{9, 8};
     EXPECT_EQ(keys(wrapper->currentFriendsInAccount(nullptr)), orphans);
   }
-  EXPECT_EQ(snapshot_tree(home.store_path().parent_path()), before);
+  EXPECT_EQ(home.snapshot(), before);
 }
 
 TEST(Friends, CarryTheirStoredValues) {
   Home home;
-  {
-    InstaGramStore s(home.store_path());
-    write_friends(s);
-  }
+  home.write_store(write_friends);
   auto wrapper = attach(home.store_path(), home.defaults());
   auto accounts = wrapper->currentAccounts();
   ASSERT_TRUE(accounts);
@@ -307,13 +294,12 @@ TEST(Friends, CarryTheirStoredValues) {
 
 TEST(Accounts, ComeInKeyOrderWithTheirPreferenceEntries) {
   Home home;
-  {
-    InstaGramStore s(home.store_path());
+  home.write_store([](InstaGramStore& s) {
     s.account(3, "1003", "carl");
     s.account(1, "1001", "ann");
     s.account(2, std::nullopt, "nobody");
     s.finish();
-  }
+  });
   home.set_preferences(dict({{"UserAccountsI", dict({{"1001", str("http://pic/ann")}})},
                              {"UserAccountsT", str("not a dictionary")},
                              {"UserAccountsE", dict({{"1001", date(123.5)}, {"1003", num(7)}})}}));
@@ -383,14 +369,13 @@ TEST(Fetches, GiveNothingWithALogLineWhenTheStoreLacksATableOrColumn) {
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
     Home home;
-    {
-      InstaGramStore s(home.store_path());
+    home.write_store([&](InstaGramStore& s) {
       write_albums(s);
       write_friends(s);
       s.db().exec(c.sql);
-    }
+    });
     home.set_preferences(dict({{"WZAlbumsOrderIndex", num(1)}}));
-    const auto before = snapshot_tree(home.store_path().parent_path());
+    const auto before = home.snapshot();
     {
       LogCapture log;
       auto wrapper = attach(home.store_path(), home.defaults());
@@ -410,19 +395,18 @@ TEST(Fetches, GiveNothingWithALogLineWhenTheStoreLacksATableOrColumn) {
         EXPECT_TRUE(log.contains(c.log)) << testing::PrintToString(log.lines());
       }
     }
-    EXPECT_EQ(snapshot_tree(home.store_path().parent_path()), before);
+    EXPECT_EQ(home.snapshot(), before);
   }
 }
 
 TEST(Fetches, SurviveACorruptTablePage) {
   Home home;
-  {
-    InstaGramStore s(home.store_path());
+  home.write_store([](InstaGramStore& s) {
     write_friends(s);
     s.album(1, "big", 1.0);
     for (int i = 0; i < 300; ++i) s.item(1000 + i, 1, std::string(600, 'm'));
     s.finish();
-  }
+  });
   // Overwrite the media table's root page with garbage; the schema stays readable.
   std::int64_t root = 0;
   {
@@ -436,7 +420,7 @@ TEST(Fetches, SurviveACorruptTablePage) {
   std::string bytes = test::read_file(home.store_path());
   for (std::size_t i = 0; i < 4096; ++i) bytes[(root - 1) * 4096 + i] = static_cast<char>(0x5C ^ (i * 13));
   test::write_file(home.store_path(), bytes);
-  const auto before = snapshot_tree(home.store_path().parent_path());
+  const auto before = home.snapshot();
   {
     LogCapture log;
     auto wrapper = attach(home.store_path(), home.defaults());
@@ -450,7 +434,7 @@ TEST(Fetches, SurviveACorruptTablePage) {
     for (const auto& line : log.lines()) logged |= line.rfind("Store fetch of ImageList.images failed: ", 0) == 0;
     EXPECT_TRUE(logged) << testing::PrintToString(log.lines());
   }
-  EXPECT_EQ(snapshot_tree(home.store_path().parent_path()), before);
+  EXPECT_EQ(home.snapshot(), before);
 }
 
 }  // namespace

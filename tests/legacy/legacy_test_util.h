@@ -11,6 +11,7 @@
 #include <unistd.h>
 
 #include <cstdint>
+#include <cstdlib>
 #include <filesystem>
 #include <map>
 #include <optional>
@@ -94,56 +95,45 @@ struct ModelRelationship {
 };
 inline std::string model_cache(const std::vector<std::pair<std::string, std::vector<std::string>>>& attributes,
                                const std::vector<ModelRelationship>& relationships) {
-  std::map<std::string, Ref<GenericRecord>> entities;
+  using Fields = std::vector<GenericRecord::Field>;
+  auto record = [](std::vector<std::string> chain, Fields fields) {
+    chain.push_back("NSObject");
+    auto r = make<GenericRecord>(std::move(chain));
+    r->mutable_fields() = std::move(fields);
+    return r;
+  };
   Ref<Dictionary> all = make<Dictionary>(true);
-  auto entity = [&](const std::string& name) {
-    auto& e = entities[name];
+  auto add = [&](const std::string& entity, const std::string& name, Ref<GenericRecord> property) {
+    Ref<GenericRecord> e(dynamic_cast<GenericRecord*>(all->get(entity)));
     if (!e) {
-      e = make<GenericRecord>(std::vector<std::string>{"NSEntityDescription", "NSObject"});
-      e->mutable_fields().push_back({"NSEntityName", str(name), false});
-      e->mutable_fields().push_back({"NSProperties", make<Dictionary>(true), false});
-      all->set(name, e);
+      e = record({"NSEntityDescription"},
+                 {{"NSEntityName", str(entity), false}, {"NSProperties", make<Dictionary>(true), false}});
+      all->set(entity, e);
     }
-    return e;
+    property->mutable_fields().push_back({"NSPropertyName", str(name), false});
+    property->mutable_fields().push_back({"NSEntity", e, false});
+    as_dict(e->get("NSProperties"))->set(name, property);
   };
-  auto add = [&](const std::string& ent, const std::string& prop, Ref<GenericRecord> r) {
-    Ref<GenericRecord> e = entity(ent);
-    r->mutable_fields().push_back({"NSPropertyName", str(prop), false});
-    r->mutable_fields().push_back({"NSEntity", e, false});
-    as_dict(e->get("NSProperties"))->set(prop, r);
-  };
-  for (const auto& [ent, names] : attributes) {
-    for (const auto& a : names) {
-      auto r = make<GenericRecord>(std::vector<std::string>{"NSAttributeDescription", "NSPropertyDescription", "NSObject"});
-      r->mutable_fields().push_back({"NSAttributeType", num(700), true});
-      add(ent, a, r);
-    }
-  }
+  for (const auto& [entity, names] : attributes)
+    for (const auto& a : names)
+      add(entity, a,
+          record({"NSAttributeDescription", "NSPropertyDescription"}, {{"NSAttributeType", num(700), true}}));
   for (const auto& rel : relationships) {
-    auto r = make<GenericRecord>(std::vector<std::string>{"NSRelationshipDescription", "NSPropertyDescription", "NSObject"});
-    r->mutable_fields().push_back({"_NSDestinationEntityName", str(rel.destination), false});
-    r->mutable_fields().push_back(
-        {"_NSInverseRelationshipName", rel.inverse.empty() ? Ref<Object>() : Ref<Object>(str(rel.inverse)), false});
-    r->mutable_fields().push_back({"NSMaxCount", num(rel.to_many ? 0 : 1), true});
-    if (rel.ordered) r->mutable_fields().push_back({"NSIsOrdered", boolean(true), true});
-    add(rel.entity, rel.name, r);
+    Fields fields = {{"_NSDestinationEntityName", str(rel.destination), false},
+                     {"_NSInverseRelationshipName", rel.inverse.empty() ? nullptr : str(rel.inverse), false},
+                     {"NSMaxCount", num(rel.to_many ? 0 : 1), true}};
+    if (rel.ordered) fields.push_back({"NSIsOrdered", boolean(true), true});
+    add(rel.entity, rel.name, record({"NSRelationshipDescription", "NSPropertyDescription"}, std::move(fields)));
   }
-  auto root = make<GenericRecord>(std::vector<std::string>{"NSManagedObjectModel", "NSObject"});
-  root->mutable_fields().push_back({"NSEntities", all, false});
-  const std::string archive = archive_root(root.get());
-  std::string out;
-  for (std::size_t at = 0; at < archive.size() || at == 0; at += 65535) {
+  const std::string archive = archive_root(record({"NSManagedObjectModel"}, {{"NSEntities", all, false}}).get());
+  std::string out;  // stored blocks of at most 65535 bytes
+  for (std::size_t at = 0;; at += 65535) {
     const std::size_t n = std::min<std::size_t>(65535, archive.size() - at);
     const bool last = at + n >= archive.size();
-    out.push_back(last ? 1 : 0);
-    out.push_back(static_cast<char>(n & 0xff));
-    out.push_back(static_cast<char>(n >> 8));
-    out.push_back(static_cast<char>(~n & 0xff));
-    out.push_back(static_cast<char>((~n >> 8) & 0xff));
+    out += {char(last), char(n), char(n >> 8), char(~n), char(~n >> 8)};
     out.append(archive, at, n);
-    if (last) break;
+    if (last) return out;
   }
-  return out;
 }
 
 struct TestEntity {
@@ -173,6 +163,19 @@ inline void write_system_tables(TestDb& db, const std::string& uuid, const std::
     db.insert("Z_MODELCACHE", {"Z_CONTENT"}, {blob(*model)});
   }
 }
+
+// Points $HOME at a folder for the scope (an attach reads it when it runs).
+class HomeOverride {
+ public:
+  explicit HomeOverride(const std::filesystem::path& home) {
+    if (const char* h = std::getenv("HOME")) saved_ = h;
+    ::setenv("HOME", home.c_str(), 1);
+  }
+  ~HomeOverride() { saved_ ? ::setenv("HOME", saved_->c_str(), 1) : ::unsetenv("HOME"); }
+
+ private:
+  std::optional<std::string> saved_;
+};
 
 // A second process (this test program, running LockHolder.DISABLED_Hold) that opens a store, runs SQL
 // that takes a lock, and keeps it until this object ends. A process of its own: POSIX locks of the
@@ -244,6 +247,19 @@ struct InstaGramOptions {
   // Entity numbers (stores number their entities in their own ways).
   std::int64_t account = 1, friend_ = 2, item = 3, video = 4, list = 5, smart = 6;
 };
+
+// Options for a store in `layout`. With a list entity number other than 5 every entity is numbered unlike
+// the alphabetical default, so that nothing can rely on the numbers.
+inline InstaGramOptions store_options(ImagesLayout layout, bool sub_entities = false, bool model_cache = false,
+                                      std::string inverse = "", std::int64_t list = 5) {
+  InstaGramOptions o;
+  o.layout = layout;
+  o.sub_entities = sub_entities;
+  o.model_cache = model_cache;
+  o.inverse = std::move(inverse);
+  if (list != 5) o.account = 7, o.friend_ = 8, o.item = 2, o.video = 9, o.list = list, o.smart = 3;
+  return o;
+}
 
 class InstaGramStore {
  public:
@@ -318,16 +334,14 @@ class InstaGramStore {
     std::optional<std::int64_t> media_count = std::nullopt;
   };
   void friend_(const FriendRow& f) {
-    auto n = [](auto v) -> TestDb::Value { return v ? TestDb::Value(to_text(*v)) : std::nullopt; };
     db_.insert("ZFRIEND", {"Z_PK", "Z_ENT", "Z_OPT", "ZACCOUNT", "ZNAME", "ZUID", "ZUNREADCOUNT", "ZADDED", "ZIMAGEURL",
                            "ZMEDIACOUNT"},
-               {std::to_string(f.pk), std::to_string(o_.friend_), "1", n(f.account), f.name, f.uid, n(f.unread),
-                n(f.added), f.image_url, n(f.media_count)});
+               {std::to_string(f.pk), std::to_string(o_.friend_), "1", text(f.account), f.name, f.uid, text(f.unread),
+                text(f.added), f.image_url, text(f.media_count)});
   }
   void album(std::int64_t pk, TestDb::Value title, std::optional<double> created, bool smart = false) {
     db_.insert("ZIMAGELIST", {"Z_PK", "Z_ENT", "Z_OPT", "ZTITLE", "ZCREATED"},
-               {std::to_string(pk), std::to_string(smart ? o_.smart : o_.list), "1", title,
-                created ? TestDb::Value(to_text(*created)) : std::nullopt});
+               {std::to_string(pk), std::to_string(smart ? o_.smart : o_.list), "1", title, text(created)});
     album_entity_[pk] = smart ? o_.smart : o_.list;
   }
   // A media item in album `album` (none: in no album); `order` is its Z_FOK_ value when ordered.
@@ -372,15 +386,12 @@ class InstaGramStore {
   }
 
  private:
-  template <class T>
-  static std::string to_text(T v) {
-    if constexpr (std::is_floating_point_v<T>) {
-      char buf[64];
-      std::snprintf(buf, sizeof buf, "%.17g", v);
-      return buf;
-    } else {
-      return std::to_string(v);
-    }
+  // A number as a column's text (nothing for NULL); whole numbers are written without a fraction.
+  static TestDb::Value text(std::optional<double> v) {
+    if (!v) return std::nullopt;
+    char buf[32];
+    std::snprintf(buf, sizeof buf, "%.17g", *v);
+    return buf;
   }
 
   TestDb db_;

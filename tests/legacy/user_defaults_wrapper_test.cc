@@ -3,10 +3,10 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdlib>
 #include <optional>
 #include <thread>
 
+#include "legacy_test_util.h"
 #include "platform/home.h"
 #include "platform/log.h"
 #include "platform/plist.h"
@@ -33,6 +33,9 @@ void write_preferences(const fs::path& file, const Object* top, bool xml = false
 }
 
 TEST(UserDefaults, AnswersTheInstallationQuestionFromTheMarkers) {
+  auto prefs = [](Ref<Object> top, bool xml = false) {
+    return [top, xml](const fs::path& h) { write_preferences(preferences_file(h), top.get(), xml); };
+  };
   struct Case {
     const char* name;
     std::function<void(const fs::path& home)> write;
@@ -40,32 +43,21 @@ TEST(UserDefaults, AnswersTheInstallationQuestionFromTheMarkers) {
   };
   const std::vector<Case> cases = {
       {"no preferences at all", [](const fs::path&) {}, false},
-      {"only the last marker, stored as NO",
-       [](const fs::path& h) { write_preferences(preferences_file(h), dict({{"FinishedStartScreen415x", boolean(false)}}).get()); },
-       true},
-      {"the first marker as 0", [](const fs::path& h) { write_preferences(preferences_file(h), dict({{"FinishedStartScreen400", num(0)}}).get()); },
-       true},
-      {"a middle marker as an empty text, XML",
-       [](const fs::path& h) { write_preferences(preferences_file(h), dict({{"FinishedStartScreen410xxxxxx", str("")}}).get(), true); },
-       true},
+      {"only the last marker, stored as NO", prefs(dict({{"FinishedStartScreen415x", boolean(false)}})), true},
+      {"the first marker as 0", prefs(dict({{"FinishedStartScreen400", num(0)}})), true},
+      {"a middle marker as an empty text, XML", prefs(dict({{"FinishedStartScreen410xxxxxx", str("")}}), true), true},
       {"other keys only",
-       [](const fs::path& h) {
-         write_preferences(preferences_file(h), dict({{"WZAlbumsOrderIndex", num(1)},
-                                                      {"FinishedStartScreen", boolean(true)},
-                                                      {"FinishedStartScreen416x", boolean(true)}})
-                                                    .get());
-       },
+       prefs(dict({{"WZAlbumsOrderIndex", num(1)},
+                   {"FinishedStartScreen", boolean(true)},
+                   {"FinishedStartScreen416x", boolean(true)}})),
        false},
       {"a file named like the domain, without .plist",
        [](const fs::path& h) {
-         fs::path f = preferences_file(h);
-         f.replace_extension();
-         write_preferences(f, dict({{"FinishedStartScreen400", boolean(true)}}).get());
+         write_preferences(fs::path(preferences_file(h)).replace_extension(),
+                           dict({{"FinishedStartScreen400", boolean(true)}}).get());
        },
        false},
-      {"a top level that is a list",
-       [](const fs::path& h) { write_preferences(preferences_file(h), array({str("FinishedStartScreen400")}).get()); },
-       false},
+      {"a top level that is a list", prefs(array({str("FinishedStartScreen400")})), false},
       {"an unreadable file", [](const fs::path& h) { test::write_file(preferences_file(h), "bplist00 broken"); }, false},
       {"the preferences file is a folder", [](const fs::path& h) { fs::create_directories(preferences_file(h)); },
        false},
@@ -106,15 +98,10 @@ TEST(UserDefaults, ReadsValuesOfEveryKindAndNothingForMissingKeys) {
 
 TEST(UserDefaults, TakesTheHomeFolderWhenCreatedAndSeesAChangedFile) {
   TempDir home;
-  const char* old_home = std::getenv("HOME");
-  const std::string saved = old_home ? old_home : "";
-  ::setenv("HOME", home.path().c_str(), 1);
-  auto defaults = MQUserDefaultsWrapper::initWithBundleID(kBundle);
-  if (old_home) {
-    ::setenv("HOME", saved.c_str(), 1);
-  } else {
-    ::unsetenv("HOME");
-  }
+  auto defaults = [&] {
+    test::HomeOverride override_home(home.path());
+    return MQUserDefaultsWrapper::initWithBundleID(kBundle);
+  }();
   EXPECT_EQ(defaults->homeFolder(), home.path().string());
 
   EXPECT_FALSE(defaults->valueForKey("WZAlbumsOrderIndex"));  // no file yet

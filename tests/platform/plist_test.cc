@@ -45,10 +45,6 @@ Ref<Object> every_kind() {
   });
 }
 
-struct PlistFree {
-  void operator()(plist_t p) const { plist_free(p); }
-};
-
 TEST(BinaryPlist, EveryKindRoundTripsExactly) {
   Ref<Object> original = every_kind();
   auto bytes = write_binary_plist(original.get());
@@ -62,14 +58,19 @@ TEST(BinaryPlist, EveryKindRoundTripsExactly) {
   EXPECT_EQ(text_of(entries.back().first.get()), "nested");
   // Through XML (libplist) too, apart from the unsigned value XML cannot carry above 2^63 and the
   // sub-microsecond part of dates.
-  auto xml = write_xml_plist(dict({{"s", str("Zürich")}, {"n", num(-7)}, {"b", boolean(false)}, {"r", real(2.5)}}).get());
+  const Ref<Object> plain = dict({{"s", str("Zürich")}, {"n", num(-7)}, {"b", boolean(false)}, {"r", real(2.5)}});
+  auto xml = write_xml_plist(plain.get());
   ASSERT_TRUE(xml.ok()) << xml.error().message;
   auto from_xml = read_property_list(xml.value());
   ASSERT_TRUE(from_xml.ok()) << from_xml.error().message;
-  EXPECT_TRUE(deep_equal(from_xml.value().get(),
-                         dict({{"s", str("Zürich")}, {"n", num(-7)}, {"b", boolean(false)}, {"r", real(2.5)}}).get()));
+  EXPECT_TRUE(deep_equal(from_xml.value().get(), plain.get()));
 }
 
+struct PlistFree {
+  void operator()(plist_t p) const { plist_free(p); }
+};
+
+// Two other readers, libplist and Python's plistlib, read our bytes to the same values.
 TEST(BinaryPlist, LibplistAndPythonReadOurBytesToTheSameValues) {
   auto bytes = write_binary_plist(every_kind().get());
   ASSERT_TRUE(bytes.ok());
@@ -77,9 +78,8 @@ TEST(BinaryPlist, LibplistAndPythonReadOurBytesToTheSameValues) {
   plist_from_bin(bytes->data(), static_cast<uint32_t>(bytes->size()), &p);
   ASSERT_NE(p, nullptr);
   std::unique_ptr<void, PlistFree> own(p);
-  plist_t uni = plist_dict_get_item(p, "unicode");
   char* s = nullptr;
-  plist_get_string_val(uni, &s);
+  plist_get_string_val(plist_dict_get_item(p, "unicode"), &s);
   EXPECT_STREQ(s, "Zürich 東京 café 😀");
   free(s);
   int64_t neg = 0;
@@ -95,8 +95,8 @@ TEST(BinaryPlist, LibplistAndPythonReadOurBytesToTheSameValues) {
   test::TempDir dir;
   test::write_file(dir / "in.plist", bytes.value());
   std::string cmd = "python3 -c \"import plistlib,sys; d=plistlib.load(open(sys.argv[1],'rb')); "
-                    "print(d['unicode']=='Zürich 東京 café 😀', d['int64 min'], d['uint64 max'], repr(d['real']), "
-                    "d['yes'] is True, type(d['one']) is int, d['data'], "
+                    "print(d['unicode']=='Zürich 東京 café 😀', d['negative'], d['int64 min'], d['uint64 max'], "
+                    "repr(d['real']), d['yes'] is True, type(d['one']) is int, d['data'], "
                     "d['date'].isoformat(), d['list'], d['nested'])\" " + (dir / "in.plist").string();
   std::unique_ptr<FILE, int (*)(FILE*)> pipe(popen(cmd.c_str(), "r"), pclose);
   ASSERT_TRUE(pipe);
@@ -104,7 +104,7 @@ TEST(BinaryPlist, LibplistAndPythonReadOurBytesToTheSameValues) {
   std::string out;
   while (fgets(buf, sizeof buf, pipe.get())) out += buf;
   EXPECT_EQ(out,
-            "True -9223372036854775808 18446744073709551615 0.1 True True b'\\x00\\x01\\xff binary' "
+            "True -42 -9223372036854775808 18446744073709551615 0.1 True True b'\\x00\\x01\\xff binary' "
             "2024-02-01T13:43:58.094653 ['a', 2, True, ['deep']] {'empty array': [], 'empty dict': {}, 'zero': 0}\n");
 }
 
@@ -149,24 +149,24 @@ TEST(BinaryPlist, ReadsPreferenceFilesWrittenByMacOS) {
 
 // Builds a bplist by hand: objects given as raw bytes, then offset table and trailer.
 std::string hand_made(const std::vector<std::string>& objects, unsigned ref_size = 1, std::uint64_t top = 0,
-                      std::uint64_t claimed_count = 0) {
+                      std::uint64_t claimed_count = 0, unsigned offset_size = 1) {
   std::string out = "bplist00";
   std::vector<std::uint64_t> offsets;
   for (const auto& o : objects) {
     offsets.push_back(out.size());
     out += o;
   }
-  std::uint64_t table = out.size();
-  for (auto off : offsets) out.push_back(static_cast<char>(off));
-  out.append(6, '\0');
-  out.push_back(1);
-  out.push_back(static_cast<char>(ref_size));
-  auto put64 = [&](std::uint64_t v) {
-    for (int i = 7; i >= 0; --i) out.push_back(static_cast<char>((v >> (8 * i)) & 0xff));
+  auto put = [&](std::uint64_t v, unsigned bytes) {
+    for (int i = static_cast<int>(bytes) - 1; i >= 0; --i) out.push_back(static_cast<char>((v >> (8 * i)) & 0xff));
   };
-  put64(claimed_count ? claimed_count : objects.size());
-  put64(top);
-  put64(table);
+  const std::uint64_t table = out.size();
+  for (auto off : offsets) put(off, offset_size);
+  out.append(6, '\0');
+  out.push_back(static_cast<char>(offset_size));
+  out.push_back(static_cast<char>(ref_size));
+  put(claimed_count ? claimed_count : objects.size(), 8);
+  put(top, 8);
+  put(table, 8);
   return out;
 }
 
@@ -200,37 +200,13 @@ TEST(BinaryPlist, MalformedInputsAreErrors) {
       {"array one reference short", hand_made({std::string("\xA2\x00", 2)})},
       {"dictionary one reference short", hand_made({std::string("\xD1\x01", 2), "\x51k"})},
   };
-  // 100,000-deep nesting that is valid except that the innermost array points back to the top.
-  {
-    std::vector<std::string> deep;
-    const unsigned n = 100000;
-    std::string out = "bplist00";
-    std::vector<std::uint64_t> offsets;
-    for (unsigned i = 0; i < n; ++i) {
-      offsets.push_back(out.size());
-      std::uint32_t child = i + 1 < n ? i + 1 : 0;
-      out.push_back('\xA1');
-      for (int b = 2; b >= 0; --b) out.push_back(static_cast<char>((child >> (8 * b)) & 0xff));
-    }
-    // 3-byte references are invalid; use 4 bytes instead: rebuild with 4-byte refs.
-    out = "bplist00";
-    offsets.clear();
-    for (unsigned i = 0; i < n; ++i) {
-      offsets.push_back(out.size());
-      std::uint32_t child = i + 1 < n ? i + 1 : 0;
-      out.push_back('\xA1');
-      for (int b = 3; b >= 0; --b) out.push_back(static_cast<char>((child >> (8 * b)) & 0xff));
-    }
-    std::uint64_t table = out.size();
-    for (auto off : offsets)
-      for (int b = 3; b >= 0; --b) out.push_back(static_cast<char>((off >> (8 * b)) & 0xff));
-    out.append(6, '\0');
-    out.push_back(4);
-    out.push_back(4);
-    for (std::uint64_t v : {std::uint64_t(n), std::uint64_t(0), table})
-      for (int b = 7; b >= 0; --b) out.push_back(static_cast<char>((v >> (8 * b)) & 0xff));
-    cases.push_back({"100,000-deep nesting closing a cycle", out});
+  // 100,000-deep nesting (4-byte references) that is valid except that the innermost array points back to the top.
+  std::vector<std::string> deep;
+  for (std::uint32_t i = 0; i < 100000; ++i) {
+    const std::uint32_t child = i + 1 < 100000 ? i + 1 : 0;
+    deep.push_back({'\xA1', char(child >> 24), char(child >> 16), char(child >> 8), char(child)});
   }
+  cases.push_back({"100,000-deep nesting closing a cycle", hand_made(deep, 4, 0, 0, 4)});
   for (const auto& c : cases) {
     auto r = read_property_list(c.bytes);
     EXPECT_FALSE(r.ok()) << c.name;
@@ -302,35 +278,10 @@ TEST(Plist, WrongTopLevelKindsAndWriterLimits) {
   self->push_back(self);
   EXPECT_FALSE(write_binary_plist(self.get()).ok());
   EXPECT_FALSE(read_property_list("<?xml version=\"1.0\"?><plist><dict><key>a</key>").ok());
-  EXPECT_FALSE(read_property_list_file("/nonexistent/file.plist").ok());
   // A top level that is not a dictionary still reads: callers decide what they accept.
   auto s = read_property_list(write_binary_plist(str("top").get()).value());
   ASSERT_TRUE(s.ok());
   EXPECT_EQ(text_of(s.value().get()), "top");
-}
-
-}  // namespace
-}  // namespace orvia
-
-namespace orvia {
-namespace {
-
-TEST(BinaryPlist, OffsetsStayRightForStringsOfEveryShape) {
-  // Sizes are computed before writing: strings whose UTF-16 length differs from their UTF-8 length,
-  // invalid UTF-8 and long counts must all land where the offset table says.
-  auto list = mutable_array();
-  const std::string shapes[] = {"", "a", std::string(15, 'x'), std::string(300, 'y'), "é", "😀😀", "\xF0\x80\x80\x80",
-                                "\xC3", "\x80\xBF", "Zürich 東京", std::string(70000, 'z') + "é"};
-  for (const auto& s : shapes) list->push_back(str(s));
-  for (int i = 0; i < 300; ++i) list->push_back(num(i * 1000003));
-  auto bytes = write_binary_plist(list.get());
-  ASSERT_TRUE(bytes.ok());
-  auto back = read_binary_plist(bytes.value());
-  ASSERT_TRUE(back.ok()) << back.error().message;
-  const Array* a = as_array(back.value().get());
-  ASSERT_EQ(a->size(), list->size());
-  EXPECT_EQ(text_of(a->at(9).get()), "Zürich 東京");
-  EXPECT_EQ(as_number(a->at(a->size() - 1).get())->int_value(), 299 * 1000003);
 }
 
 TEST(BinaryPlist, WritingInPiecesGivesTheSameBytes) {
@@ -552,12 +503,6 @@ TEST(BinaryPlist, ABuilderDrainedAsItWritesGivesTheSameBytes) {
   ASSERT_EQ(a->size(), 150003u);
   EXPECT_EQ(text_of(as_dict(a->at(0).get())->get("name")), "Zürich 0 東京");
 }
-
-}  // namespace
-}  // namespace orvia
-
-namespace orvia {
-namespace {
 
 // Strings are checked for ASCII eight bytes at a time with overlapping tails: a byte of 0x80 or above
 // must be seen wherever it lies, in strings of every length around the word sizes.

@@ -139,26 +139,5 @@ TEST(BackgroundQueue, RunsBlocksConcurrentlyAtLowPriorityOffTheMainThread) {
   EXPECT_EQ(state->nice_value, 19);
 }
 
-TEST(BackgroundQueue, BlockCanWaitForTheMainQueueWhileMainDrains) {
-  // The store-attach pattern: background work hands a continuation to the main queue and waits.
-  struct State {
-    std::promise<std::thread::id> continuation;
-    std::promise<void> returned;
-  };
-  auto state = std::make_shared<State>();
-  dispatch_background([state] {
-    MainQueue::shared().sync([&] { state->continuation.set_value(std::this_thread::get_id()); });
-    state->returned.set_value();
-  });
-  auto ran_on = state->continuation.get_future();
-  for (auto until = std::chrono::steady_clock::now() + kPatience;
-       ran_on.wait_for(0s) != std::future_status::ready && std::chrono::steady_clock::now() < until;) {
-    MainQueue::shared().drain(100ms);
-  }
-  ASSERT_EQ(ran_on.wait_for(0s), std::future_status::ready);
-  EXPECT_EQ(ran_on.get(), std::this_thread::get_id());
-  EXPECT_EQ(state->returned.get_future().wait_for(kPatience), std::future_status::ready);
-}
-
 }  // namespace
 }  // namespace orvia
