@@ -84,25 +84,22 @@ TEST(ImportCommand, ServiceThatAnswersNoGivesStatus1AndNoArchiveFile) {
   PrivateBusOptions options;
   options.environment = {{"HOME", dir.path().string()}};
   PrivateBus bus(options);
-  ProgramRun run = import({"--archive-out", (dir / "reply.archive").string()});
-  EXPECT_EQ(run.status, 1) << run.err << bus.daemon_log();
-  EXPECT_EQ(run.err, kNoLine);
-  EXPECT_EQ(run.out, "");
-  EXPECT_FALSE(fs::exists(dir / "reply.archive"));
-  ProgramRun passed = import({"--format", "none", "--archive-out", (dir / "reply.archive").string()});
-  EXPECT_EQ(passed.status, 1) << passed.err;
-  EXPECT_EQ(passed.err, kNoLine);
-  EXPECT_FALSE(fs::exists(dir / "reply.archive"));
-
-  ProgramRun direct = import({"--direct", "--home", dir.path().string()});
-  EXPECT_EQ(direct.status, 1);
-  EXPECT_EQ(direct.err, kNoLine);
-  // Streamed straight to its file, a NO still leaves no file.
-  ProgramRun streamed = import({"--direct", "--home", dir.path().string(), "--format", "none", "--archive-out",
-                                (dir / "direct.archive").string()});
-  EXPECT_EQ(streamed.status, 1);
-  EXPECT_EQ(streamed.err, kNoLine);
-  EXPECT_FALSE(fs::exists(dir / "direct.archive"));
+  const std::string file = (dir / "reply.archive").string(), home = dir.path().string();
+  // Through the service and directly; printed, or passed (streamed) straight to the file.
+  const std::vector<std::vector<std::string>> runs = {
+      {"--archive-out", file},
+      {"--format", "none", "--archive-out", file},
+      {"--direct", "--home", home},
+      {"--direct", "--home", home, "--format", "none", "--archive-out", file},
+  };
+  for (const auto& args : runs) {
+    SCOPED_TRACE(testing::PrintToString(args));
+    ProgramRun run = import(args);
+    EXPECT_EQ(run.status, 1) << run.err << bus.daemon_log();
+    EXPECT_EQ(run.err, kNoLine);
+    EXPECT_EQ(run.out, "");
+    EXPECT_FALSE(fs::exists(file));
+  }
 }
 
 TEST(ImportCommand, NoReplyGivesStatus3) {

@@ -16,26 +16,11 @@ namespace {
 
 using test::record;
 
-// Decodes as orvia4-import does: no registered classes, so every record stays generic.
-Ref<Object> through_archive(const Object* root) {
-  ClassRegistry none;
-  auto decoded = unarchive(archive_root(root), none);
-  EXPECT_TRUE(decoded.ok()) << decoded.error().message;
-  return decoded.ok() ? decoded.value() : nullptr;
-}
-
 std::string report(const Object* root, bool* ok = nullptr) {
   std::ostringstream out;
   bool r = write_import_report(out, root);
   if (ok) *ok = r;
   return out.str();
-}
-
-TEST(ImportReport, ShowsEachAccountWithItsCategoryTreesAndCounts) {
-  Ref<Object> decoded = through_archive(test::sample_results().get());
-  bool ok = false;
-  EXPECT_EQ(report(decoded.get(), &ok), test::sample_report());
-  EXPECT_TRUE(ok);
 }
 
 TEST(ImportReport, RefusesWhatIsNotAListOfResults) {
@@ -131,14 +116,6 @@ TEST(Json, RepeatsSharedObjectsButCutsCyclesAndRunawaySharing) {
   EXPECT_LT(text.size(), std::size_t{64} << 20);
   EXPECT_NE(text.find("{\"$ref\":\"NSArray already shown\"}"), std::string::npos);
   EXPECT_TRUE(nlohmann::json::accept(text));
-
-  // The reply's album tree, shared by both results, prints in full under each.
-  auto json = nlohmann::json::parse(to_json(through_archive(test::sample_results().get()).get()));
-  EXPECT_EQ(json[0]["$class"], "MQImporterNodeResult");
-  EXPECT_EQ(json[0]["account"]["uid"], "1001");
-  EXPECT_EQ(json[0]["friends"]["children"][0]["added"]["$date"], 410000000);
-  EXPECT_EQ(json[0]["albums"], json[1]["albums"]);
-  EXPECT_EQ(json[1]["albums"]["children"][0]["children"][0]["albumName"], "Summer 2013");
 }
 
 TEST(Json, NestingOfAnyDepthWritesWithoutRecursion) {

@@ -58,23 +58,14 @@ inline Ref<Array> sample_results() {
     return record({"MQImporterAccount", "NSObject"},
                   {{"uid", str(uid)}, {"imageURL", picture ? Ref<Object>(str(picture)) : nullptr}, {"username", str(name)}});
   };
-  auto jane = record({"MQImporterNodeResult", "NSObject"},
-                     {{"account", account("1001", "https://img.example/jane.jpg", "jane")},
-                      {"tags", tags},
-                      {"locations", nullptr},
-                      {"albums", albums},
-                      {"friends", friends},
-                      {"statistics", stats},
-                      {"ignore", boolean(false)}});
-  auto max = record({"MQImporterNodeResult", "NSObject"},
-                    {{"account", account("1002", nullptr, "max")},
-                     {"tags", nullptr},
-                     {"locations", nullptr},
-                     {"albums", albums},
-                     {"friends", nullptr},
-                     {"statistics", nullptr},
-                     {"ignore", boolean(false)}});
-  return array({jane, max});
+  // Both results hold the same album tree.
+  auto result = [&albums](Ref<GenericRecord> who, Ref<Object> tag_tree, Ref<Object> friend_tree, Ref<Object> path) {
+    return record({"MQImporterNodeResult", "NSObject"},
+                  {{"account", who}, {"tags", tag_tree}, {"locations", nullptr}, {"albums", albums},
+                   {"friends", friend_tree}, {"statistics", path}, {"ignore", boolean(false)}});
+  };
+  return array({result(account("1001", "https://img.example/jane.jpg", "jane"), tags, friends, stats),
+                result(account("1002", nullptr, "max"), nullptr, nullptr, nullptr)});
 }
 
 inline const char* sample_report() {

@@ -82,16 +82,32 @@ std::vector<T*> nodes_of(const Object* list) {
   return out;
 }
 
-// Titles or identifiers of a folder node's children, for order checks.
+// A node's title, tag name, location name, album name or user name.
+inline std::string label(const MQImporterNode* n) {
+  if (auto* f = dynamic_cast<const MQImporterNodeFolder*>(n)) return std::string(text_of(f->title.get()));
+  if (auto* t = dynamic_cast<const MQImporterNodeTag*>(n)) return std::string(text_of(t->tagName.get()));
+  if (auto* l = dynamic_cast<const MQImporterNodeLocation*>(n)) return std::string(text_of(l->name.get()));
+  if (auto* a = dynamic_cast<const MQImporterNodeAlbum*>(n)) return std::string(text_of(a->albumName.get()));
+  if (auto* f = dynamic_cast<const MQImporterNodeFriend*>(n)) return std::string(text_of(f->username.get()));
+  return "?";
+}
+
+// Labels of a folder node's children, for order checks.
 inline std::vector<std::string> child_labels(const MQImporterNodeFolder& folder) {
   std::vector<std::string> out;
+  for (MQImporterNode* n : nodes_of(folder.children.get())) out.push_back(label(n));
+  return out;
+}
+
+// A folder node's children as one text, every folder with its own children in brackets ("(no list)"
+// when it has none): "Trips[Beach] Empty[] sunset".
+inline std::string tree_text(const MQImporterNodeFolder& folder) {
+  std::string out;
   for (MQImporterNode* n : nodes_of(folder.children.get())) {
-    if (auto* f = dynamic_cast<MQImporterNodeFolder*>(n)) out.emplace_back(text_of(f->title.get()));
-    else if (auto* t = dynamic_cast<MQImporterNodeTag*>(n)) out.emplace_back(text_of(t->tagName.get()));
-    else if (auto* l = dynamic_cast<MQImporterNodeLocation*>(n)) out.emplace_back(text_of(l->name.get()));
-    else if (auto* a = dynamic_cast<MQImporterNodeAlbum*>(n)) out.emplace_back(text_of(a->albumName.get()));
-    else if (auto* f2 = dynamic_cast<MQImporterNodeFriend*>(n)) out.emplace_back(text_of(f2->username.get()));
-    else out.emplace_back("?");
+    if (!out.empty()) out += ' ';
+    out += label(n);
+    if (auto* sub = dynamic_cast<MQImporterNodeFolder*>(n))
+      out.append(sub->childList() ? '[' + tree_text(*sub) + ']' : "(no list)");
   }
   return out;
 }

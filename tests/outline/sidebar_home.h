@@ -96,9 +96,6 @@ class SidebarHome {
   void write(Ref<Object> models) const {
     Ref<Dictionary> top = mutable_dict({{"FinishedStartScreen415x", boolean(true)}});
     if (models) top->set(kOutlineFolderModels, models);
-    write_top(top);
-  }
-  void write_top(const Ref<Dictionary>& top) const {
     Result<std::string> bytes = write_binary_plist(top.get());
     ASSERT_TRUE(bytes.ok()) << bytes.error().message;
     std::filesystem::create_directories(preferences_file().parent_path());
@@ -113,6 +110,10 @@ class SidebarHome {
   test::TempDir dir_;
 };
 
+// The base folders in the order a loaded model's root lists them (the shared albums folder appended).
+inline const std::vector<std::string> kBaseOrder = {std::string(kFav), std::string(kTags), std::string(kLocations),
+                                                    std::string(kAlbums)};
+
 // The identifiers of an item's children, in order.
 inline std::vector<std::string> child_ids(const OutlineFolderItem* item) {
   std::vector<std::string> ids;
@@ -122,13 +123,31 @@ inline std::vector<std::string> child_ids(const OutlineFolderItem* item) {
   return ids;
 }
 
+// Everything the model knows of an item that does not depend on object addresses:
+// "title|type|<F or -><E or ->|level|parent's identifier|each child's identifier|mutable or fixed"
+// (a null type shows as "(null)", a parent that is no item as "(no item)", none as "(no parent)").
+inline std::string summary(const OutlineFolderItem* item) {
+  std::string s = std::string(item->titleText()) + "|" + (item->type ? std::string(item->typeText()) : "(null)") +
+                  "|" + (item->folder ? "F" : "-") + (item->expanded ? "E" : "-") + "|" + std::to_string(item->level) +
+                  "|";
+  if (const OutlineFolderItem* parent = item->parentItem()) s += parent->identifierText();
+  else s += item->parent ? "(no item)" : "(no parent)";
+  for (const std::string& id : child_ids(item)) s += "|" + id;
+  s += item->childList() && item->childList()->is_mutable() ? "|mutable" : "|fixed";
+  return s;
+}
+
+inline std::vector<std::string> sorted(std::vector<std::string> ids) {
+  std::sort(ids.begin(), ids.end());
+  return ids;
+}
+
 inline std::vector<std::string> sorted_identifiers(const OutlineFolderModel& model) {
   std::vector<std::string> ids;
   if (Ref<Array> list = model.identifiers()) {
     for (const Ref<Object>& id : list->items()) ids.emplace_back(text_of(id.get()));
   }
-  std::sort(ids.begin(), ids.end());
-  return ids;
+  return sorted(std::move(ids));
 }
 
 // The lookup table as sorted lines, one per entry, naming the item (by address), its fields and its
