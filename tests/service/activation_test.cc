@@ -122,35 +122,30 @@ TEST(Activation, ServiceLeavesWhenIdleAndTheNextCallStartsAnotherWithTheBusEnvir
   EXPECT_NE(environment_of(*second).find("\nHOME=" + (dir / "second-home").string() + "\n"), std::string::npos);
 }
 
-TEST(ServiceProgram, ParsesItsOptions) {
-  const std::string program = test::built_program("orvia4-importer").string();
+TEST(ServiceProgram, ParsesItsOptionsAndEndsWithFailureWithoutABus) {
   struct Case {
     std::vector<std::string> args;
     int status;
     const char* output;  // expected in stdout
+    const char* error;   // expected in stderr
   };
   const std::vector<Case> cases = {
-      {{"--help"}, 0, "--idle-exit"},
-      {{"--version"}, 0, "orvia4-importer 1.0"},
-      {{"--idle-exit", "-1"}, 2, ""},
-      {{"--idle-exit", "soon"}, 2, ""},
-      {{"--bogus"}, 2, ""},
+      {{"--help"}, 0, "--idle-exit", ""},
+      {{"--version"}, 0, "orvia4-importer 1.0", ""},
+      {{"--idle-exit", "-1"}, 2, "", ""},
+      {{"--idle-exit", "soon"}, 2, "", ""},
+      {{"--bogus"}, 2, "", ""},
+      {{}, 1, "", "bus failure"},
   };
   for (const Case& c : cases) {
-    std::vector<std::string> argv = {program};
+    std::vector<std::string> argv = {test::built_program("orvia4-importer").string()};
     argv.insert(argv.end(), c.args.begin(), c.args.end());
     SCOPED_TRACE(testing::PrintToString(c.args));
-    test::ProgramRun run = test::run_program(argv);
+    test::ProgramRun run = test::run_program(argv, {{"DBUS_SESSION_BUS_ADDRESS", "unix:path=/nonexistent/orvia-bus"}});
     EXPECT_EQ(run.status, c.status) << run.err;
     EXPECT_NE(run.out.find(c.output), std::string::npos) << run.out;
+    EXPECT_NE(run.err.find(c.error), std::string::npos) << run.err;
   }
-}
-
-TEST(ServiceProgram, EndsWithFailureWithoutABus) {
-  test::ProgramRun run = test::run_program({test::built_program("orvia4-importer").string()},
-                                           {{"DBUS_SESSION_BUS_ADDRESS", "unix:path=/nonexistent/orvia-bus"}});
-  EXPECT_EQ(run.status, 1);
-  EXPECT_NE(run.err.find("bus failure"), std::string::npos) << run.err;
 }
 
 }  // namespace

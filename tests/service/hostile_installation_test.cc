@@ -259,20 +259,19 @@ std::int64_t int_of(const Object* o) {
 }
 
 // A media record that could not be read still becomes a media dictionary: constants only.
-void expect_constants_only(const Dictionary* media) {
-  ASSERT_NE(media, nullptr);
-  EXPECT_TRUE(is_true(media->get("converted_from_orvia4")));
-  EXPECT_TRUE(is_true(media->get("can_viewer_save")));
-  EXPECT_EQ(int_of(media->get("media_type")), 1);
-  EXPECT_EQ(int_of(media->get("original_width")), 640);
+void expect_constants_only(const Dictionary& media) {
+  EXPECT_TRUE(is_true(media.get("converted_from_orvia4")));
+  EXPECT_TRUE(is_true(media.get("can_viewer_save")));
+  EXPECT_EQ(int_of(media.get("media_type")), 1);
+  EXPECT_EQ(int_of(media.get("original_width")), 640);
   for (const char* missing : {"id", "pk", "code", "taken_at", "device_timestamp", "like_count", "comment_count"})
-    EXPECT_EQ(media->get(missing), nullptr) << missing;
-  const Dictionary* user = as_dict(media->get("user"));
+    EXPECT_EQ(media.get(missing), nullptr) << missing;
+  const Dictionary* user = as_dict(media.get("user"));
   ASSERT_NE(user, nullptr);
   EXPECT_EQ(user->size(), 1u);  // is_private alone
-  const Dictionary* caption = as_dict(media->get("caption"));
+  const Dictionary* caption = as_dict(media.get("caption"));
   ASSERT_NE(caption, nullptr);
-  EXPECT_EQ(caption->get("user"), media->get("user"));
+  EXPECT_EQ(caption->get("user"), media.get("user"));
   EXPECT_EQ(caption->get("text"), nullptr);
   EXPECT_EQ(caption->get("media_id"), nullptr);
   EXPECT_EQ(int_of(caption->get("type")), 1);
@@ -314,6 +313,34 @@ std::string garbage(std::size_t size, unsigned seed) {
 std::string half(const fs::path& file) {
   const std::string bytes = test::read_file(file);
   return bytes.substr(0, bytes.size() / 2);
+}
+
+// Writes the installation, then replaces its preferences file or its store with what `bytes` makes of
+// the written file (or with `bytes` as given), or with a folder (holding `inside` unless empty).
+using File = fs::path (LegacyHome::*)() const;
+constexpr File kPrefs = &LegacyHome::preferences_file, kStore = &LegacyHome::store_file;
+std::function<void(Scene&)> rewrite(File file, std::function<std::string(const fs::path&)> bytes) {
+  return [file, bytes](Scene& s) {
+    s.write();
+    const fs::path path = (s.home.*file)();
+    test::write_file(path, bytes(path));
+  };
+}
+std::function<void(Scene&)> rewrite(File file, std::string bytes) {
+  return rewrite(file, [bytes](const fs::path&) { return bytes; });
+}
+std::function<void(Scene&)> folder_in_place_of(File file, std::string inside = {}) {
+  return [file, inside](Scene& s) {
+    s.write();
+    const fs::path path = (s.home.*file)();
+    fs::remove(path);
+    fs::create_directories(inside.empty() ? path : path / inside);
+  };
+}
+
+// Runs SQL on the store before it is finished.
+std::function<void(Scene&)> sql(std::string statements) {
+  return [statements](Scene& s) { s.home.store().exec(statements); };
 }
 
 // Rows committed by a writer that never checkpoints: a second account and an album with one item.
@@ -367,17 +394,28 @@ void hold_lock(Scene& s, const std::string& sql) {
   s.keep.push_back(holder);
 }
 
-void add_trip_media(Scene& s, std::optional<std::string> archive) {
-  s.home.store().add_image(s.trip, std::move(archive));
+// Trip gets a second media record: `archive` as stored, or the older form of `id` with `changes` made.
+std::function<void(Scene&)> add_trip_media(std::optional<std::string> archive) {
+  return [archive](Scene& s) { s.home.store().add_image(s.trip, archive); };
+}
+std::function<void(Scene&)> add_trip_media(std::string id, std::string link,
+                                           std::vector<std::pair<std::string, Ref<Object>>> changes) {
+  return [id, link, changes](Scene& s) {
+    auto media = test::older_media(id, link);
+    for (const auto& [key, value] : changes) media->set(key, value);
+    s.home.store().add_image(s.trip, test::media_archive(*media));
+  };
 }
 
-// Trip holding a second media record; `check` looks at its conversion.
-Yes second_trip_media(std::function<void(const Dictionary*)> check) {
+// Trip holding that second media record; `check` looks at its conversion.
+Yes second_trip_media(std::function<void(const Dictionary&)> check) {
   return Yes{.albums = "Holidays[album:Trip(2)] album:Attic(0) album:Beach(2) album:Cellar(1)",
-             .also = [check](const Array& results) { check(trip_media(results, 1)); }};
+             .also = [check](const Array& results) {
+               const Dictionary* media = trip_media(results, 1);
+               ASSERT_NE(media, nullptr);
+               check(*media);
+             }};
 }
-
-Yes unreadable_trip_media() { return second_trip_media(expect_constants_only); }
 
 // ---- the catalogue ------------------------------------------------------------------------------------------
 
@@ -407,18 +445,15 @@ std::vector<Case> catalogue() {
 
   // "OutlineFolderModels" and its entries: anything that is not a readable archive of an item is no
   // stored tree (the user, or the shared album tree, starts from a new one).
-  yes("OutlineFolderModels is an array",
-      [](Scene& s) {
-        s.tree = s.shared = nullptr;
-        s.home.set("OutlineFolderModels", array({str("1001")}));
-      },
-      {.tags = kTagsUnfiled, .locations = kLocationsUnfiled, .albums = kAlbumsUnfiled});
-  yes("OutlineFolderModels is a string",
-      [](Scene& s) {
-        s.tree = s.shared = nullptr;
-        s.home.set("OutlineFolderModels", str("1001"));
-      },
-      {.tags = kTagsUnfiled, .locations = kLocationsUnfiled, .albums = kAlbumsUnfiled});
+  auto models = [](R value) {
+    return [value](Scene& s) {
+      s.tree = s.shared = nullptr;
+      s.home.set("OutlineFolderModels", value);
+    };
+  };
+  const Yes trees_lost{.tags = kTagsUnfiled, .locations = kLocationsUnfiled, .albums = kAlbumsUnfiled};
+  yes("OutlineFolderModels is an array", models(array({str("1001")})), trees_lost);
+  yes("OutlineFolderModels is a string", models(str("1001")), trees_lost);
   auto user_entry = [](std::function<R(Scene&)> value) {
     return [value](Scene& s) {
       R v = value(s);
@@ -493,68 +528,58 @@ std::vector<Case> catalogue() {
       {.friends = kFriendsByName});
   yes("order indexes are the real 1e300", orders(real(1e300)), {.friends = kFriendsByName});
 
-  // Per-account favourite lists.
+  // Per-account favourite lists (those given).
+  auto favourites = [](R tags, R locations) {
+    return [tags, locations](Scene& s) {
+      if (tags) s.home.set_in("FavoriteSidebarTags", "1001", tags);
+      if (locations) s.home.set_in("FavoriteSidebarLocations", "1001", locations);
+    };
+  };
   yes("FavoriteSidebarTags and FavoriteSidebarLocations are arrays",
       [](Scene& s) {
         s.home.set("FavoriteSidebarTags", array({dict({{"tag", str("sunset")}})}));
         s.home.set("FavoriteSidebarLocations", array({location("77", "Oslo", 1, 2)}));
       },
       {.tags = "tag:plain/0", .locations = "loc:Bergen@88"});
-  yes("the account's favourite lists are strings",
-      [](Scene& s) {
-        s.home.set_in("FavoriteSidebarTags", "1001", str("sunset"));
-        s.home.set_in("FavoriteSidebarLocations", "1001", str("77"));
-      },
+  yes("the account's favourite lists are strings", favourites(str("sunset"), str("77")),
       {.tags = "tag:plain/0", .locations = "loc:Bergen@88"});
   // The search for a filed entry stops at the first element that is not a dictionary; the collector
   // skips such elements with a message (our choice: an element without a tag or id).
   yes("the account's favourite lists hold strings and numbers",
-      [](Scene& s) {
-        s.home.set_in("FavoriteSidebarTags", "1001",
-                      array({str("sunset"), num(5), dict({{"tag", str("beach")}, {"count", num(2)}})}));
-        s.home.set_in("FavoriteSidebarLocations", "1001", array({str("77"), num(5), location("99", "Rome", 1, 2)}));
-      },
+      favourites(array({str("sunset"), num(5), dict({{"tag", str("beach")}, {"count", num(2)}})}),
+                 array({str("77"), num(5), location("99", "Rome", 1, 2)})),
       {.tags = "tag:beach/2 tag:plain/0", .locations = "loc:Rome@99 loc:Bergen@88"});
-  yes("a favourite tag's \"tag\" is a number", [](Scene& s) {
-    s.home.set_in("FavoriteSidebarTags", "1001",
-                  array({dict({{"tag", num(5)}, {"count", num(1)}}), dict({{"tag", str("beach")}, {"count", num(2)}}),
-                         dict({{"tag", str("sunset")}, {"count", num(4)}})}));
-  });
+  yes("a favourite tag's \"tag\" is a number",
+      favourites(array({dict({{"tag", num(5)}, {"count", num(1)}}), dict({{"tag", str("beach")}, {"count", num(2)}}),
+                        dict({{"tag", str("sunset")}, {"count", num(4)}})}),
+                 nullptr));
   yes("favourite tag counts are a string and a dictionary",
-      [](Scene& s) {
-        s.home.set_in("FavoriteSidebarTags", "1001",
-                      array({dict({{"tag", str("beach")}, {"count", str("7 apples")}}),
-                             dict({{"tag", str("sunset")}, {"count", dict({{"n", num(4)}})}})}));
-      },
+      favourites(array({dict({{"tag", str("beach")}, {"count", str("7 apples")}}),
+                        dict({{"tag", str("sunset")}, {"count", dict({{"n", num(4)}})}})}),
+                 nullptr),
       {.tags = "tag:sunset/0 tag:beach/7 tag:plain/0"});
   // Our choice: an id stored as a number matches its sidebar entry by its decimal text.
-  yes("a favourite location's \"id\" is a number", [](Scene& s) {
-    s.home.set_in("FavoriteSidebarLocations", "1001",
-                  array({dict({{"id", num(77)}, {"name", str("Oslo")}}), location("99", "Rome", 1, 2)}));
-  });
+  yes("a favourite location's \"id\" is a number",
+      favourites(nullptr, array({dict({{"id", num(77)}, {"name", str("Oslo")}}), location("99", "Rome", 1, 2)})));
   yes("favourite locations without an id and with a numeric name",
-      [](Scene& s) {
-        s.home.set_in("FavoriteSidebarLocations", "1001",
-                      array({dict({{"name", str("No id")}}), dict({{"id", str("99")}, {"name", num(5)}})}));
-      },
+      favourites(nullptr, array({dict({{"name", str("No id")}}), dict({{"id", str("99")}, {"name", num(5)}})})),
       {.locations = "loc:5@99 loc:Bergen@88"});
 
   // Plain favourite lists: our choice, a value that is not a list adds nothing.
-  yes("IGFavouriteTags and IGFavouriteLocations are strings",
-      [](Scene& s) { s.home.set("IGFavouriteTags", str("plain")).set("IGFavouriteLocations", str("88")); },
-      {.tags = "tag:sunset/4 tag:beach/2", .locations = "loc:Oslo harbour@location-77 loc:Rome@99"});
+  auto plain_lists = [](R tags, R locations) {
+    return [tags, locations](Scene& s) { s.home.set("IGFavouriteTags", tags).set("IGFavouriteLocations", locations); };
+  };
+  const Yes plain_lists_add_nothing{.tags = "tag:sunset/4 tag:beach/2",
+                                    .locations = "loc:Oslo harbour@location-77 loc:Rome@99"};
+  yes("IGFavouriteTags and IGFavouriteLocations are strings", plain_lists(str("plain"), str("88")),
+      plain_lists_add_nothing);
   yes("IGFavouriteTags and IGFavouriteLocations are dictionaries",
-      [](Scene& s) {
-        s.home.set("IGFavouriteTags", dict({{"plain", num(1)}}));
-        s.home.set("IGFavouriteLocations", dict({{"id", str("88")}, {"name", str("Bergen")}}));
-      },
-      {.tags = "tag:sunset/4 tag:beach/2", .locations = "loc:Oslo harbour@location-77 loc:Rome@99"});
+      plain_lists(dict({{"plain", num(1)}}), dict({{"id", str("88")}, {"name", str("Bergen")}})),
+      plain_lists_add_nothing);
   yes("IGFavouriteTags and IGFavouriteLocations are mixed lists",
-      [](Scene& s) {
-        s.home.set("IGFavouriteTags", array({str("a"), num(5), dict(), str("b"), orvia::data("xy"), date(3)}));
-        s.home.set("IGFavouriteLocations", array({dict({{"id", str("88")}, {"name", str("Bergen")}}), str("88"), num(5),
-                                                  dict({{"name", str("Nameless")}})}));
-      },
+      plain_lists(array({str("a"), num(5), dict(), str("b"), orvia::data("xy"), date(3)}),
+                  array({dict({{"id", str("88")}, {"name", str("Bergen")}}), str("88"), num(5),
+                         dict({{"name", str("Nameless")}})})),
       {.tags = "tag:sunset/4 tag:beach/2 tag:a/0 tag:b/0",
        .locations = "loc:Oslo harbour@location-77 loc:Rome@99 loc:Bergen@88 loc:Nameless@nil"});
   yes("IGFavouriteTags holds a list nested 100,000 deep", [](Scene& s) {
@@ -562,57 +587,22 @@ std::vector<Case> catalogue() {
   });
 
   // The preferences file itself.
-  no(
-      "the preferences file is truncated",
-      [](Scene& s) {
-        s.write();
-        test::write_file(s.home.preferences_file(), half(s.home.preferences_file()));
-      },
-      No::NoInstallation);
-  no(
-      "the preferences file is garbage",
-      [](Scene& s) {
-        s.write();
-        test::write_file(s.home.preferences_file(), "bplist00" + garbage(4000, 3));
-      },
-      No::NoInstallation);
+  no("the preferences file is truncated", rewrite(kPrefs, half), No::NoInstallation);
+  no("the preferences file is garbage", rewrite(kPrefs, "bplist00" + garbage(4000, 3)), No::NoInstallation);
   yes("the preferences file is XML", [](Scene& s) {
     s.write();
     auto xml = write_xml_plist(read_property_list_file(s.home.preferences_file().string()).value().get());
     ASSERT_TRUE(xml.ok());
     test::write_file(s.home.preferences_file(), xml.value());
   });
-  no(
-      "the preferences file is XML with a top-level array",
-      [](Scene& s) {
-        s.write();
-        test::write_file(s.home.preferences_file(),
-                         write_xml_plist(array({dict({{"FinishedStartScreen410x", boolean(true)}})}).get()).value());
-      },
-      No::NoInstallation);
+  no("the preferences file is XML with a top-level array",
+     rewrite(kPrefs, write_xml_plist(array({dict({{"FinishedStartScreen410x", boolean(true)}})}).get()).value()),
+     No::NoInstallation);
   // Our choice: an XML file nested deeper than the reader takes is as unreadable as garbage.
-  no(
-      "the preferences file is XML nested 300,000 deep",
-      [](Scene& s) {
-        s.write();
-        test::write_file(s.home.preferences_file(), deep_xml(3 * kDeep, "<key>FinishedStartScreen410x</key><true/>"));
-      },
-      No::NoInstallation);
-  no(
-      "the preferences file is empty",
-      [](Scene& s) {
-        s.write();
-        test::write_file(s.home.preferences_file(), "");
-      },
-      No::NoInstallation);
-  no(
-      "a folder stands in place of the preferences file",
-      [](Scene& s) {
-        s.write();
-        fs::remove(s.home.preferences_file());
-        fs::create_directories(s.home.preferences_file() / "inside");
-      },
-      No::NoInstallation);
+  no("the preferences file is XML nested 300,000 deep",
+     rewrite(kPrefs, deep_xml(3 * kDeep, "<key>FinishedStartScreen410x</key><true/>")), No::NoInstallation);
+  no("the preferences file is empty", rewrite(kPrefs, ""), No::NoInstallation);
+  no("a folder stands in place of the preferences file", folder_in_place_of(kPrefs, "inside"), No::NoInstallation);
 
   // Sidebar trees. Folders are expanded once: a children list that comes back to a folder already
   // exported leaves it out (our choice).
@@ -714,109 +704,60 @@ std::vector<Case> catalogue() {
       {.tags = "tag:beach/2 tag:plain/0"});
 
   // Media records that cannot be read still become media dictionaries, of constants only.
-  yes(
-      "a media record without a dictionary", [](Scene& s) { add_trip_media(s, std::nullopt); },
-      unreadable_trip_media());
-  yes(
-      "a media record of zero bytes", [](Scene& s) { add_trip_media(s, std::string()); }, unreadable_trip_media());
-  yes(
-      "a media record of garbage", [](Scene& s) { add_trip_media(s, garbage(700, 4)); }, unreadable_trip_media());
-  yes(
-      "a truncated media record",
-      [](Scene& s) {
-        const std::string bytes = test::media_archive(*test::older_media("41_1001", "https://photos.example/p/EEE"));
-        add_trip_media(s, bytes.substr(0, bytes.size() / 2));
-      },
-      unreadable_trip_media());
-  yes(
-      "a media record archiving a string", [](Scene& s) { add_trip_media(s, archive_root(str("media"))); },
-      unreadable_trip_media());
-  yes(
-      "a media record archiving an array",
-      [](Scene& s) { add_trip_media(s, archive_root(array({test::older_media("42_1001", "x")}).get())); },
-      unreadable_trip_media());
-  yes(
-      "a media record archiving NSNull", [](Scene& s) { add_trip_media(s, archive_root(Null::shared().get())); },
-      unreadable_trip_media());
-  yes(
-      "a media record that is an XML property list nested 300,000 deep",
-      [](Scene& s) { add_trip_media(s, deep_xml(3 * kDeep)); }, unreadable_trip_media());
-  yes(
-      "a media record whose caption is NSNull",
-      [](Scene& s) {
-        auto media = test::older_media("43_1001", "https://photos.example/p/FFF");
-        media->set("caption", Null::shared());
-        add_trip_media(s, test::media_archive(*media));
-      },
-      second_trip_media([](const Dictionary* media) {
-        ASSERT_NE(media, nullptr);
-        EXPECT_EQ(text_of(media->get("pk")), "43");
-        EXPECT_EQ(media->get("taken_at"), nullptr);
-        const Dictionary* caption = as_dict(media->get("caption"));
+  const std::string media_bytes = test::media_archive(*test::older_media("41_1001", "https://photos.example/p/EEE"));
+  for (const auto& [name, bytes] : std::vector<std::pair<std::string, std::optional<std::string>>>{
+           {"a media record without a dictionary", std::nullopt},
+           {"a media record of zero bytes", ""},
+           {"a media record of garbage", garbage(700, 4)},
+           {"a truncated media record", media_bytes.substr(0, media_bytes.size() / 2)},
+           {"a media record archiving a string", archive_root(str("media"))},
+           {"a media record archiving an array", archive_root(array({test::older_media("42_1001", "x")}).get())},
+           {"a media record archiving NSNull", archive_root(Null::shared().get())},
+           {"a media record that is an XML property list nested 300,000 deep", deep_xml(3 * kDeep)}})
+    yes(name, add_trip_media(bytes), second_trip_media(expect_constants_only));
+  yes("a media record whose caption is NSNull",
+      add_trip_media("43_1001", "https://photos.example/p/FFF", {{"caption", Null::shared()}}),
+      second_trip_media([](const Dictionary& media) {
+        EXPECT_EQ(text_of(media.get("pk")), "43");
+        EXPECT_EQ(media.get("taken_at"), nullptr);
+        const Dictionary* caption = as_dict(media.get("caption"));
         ASSERT_NE(caption, nullptr);
         EXPECT_EQ(caption->get("text"), nullptr);
         EXPECT_EQ(caption->get("created_at"), nullptr);
         EXPECT_EQ(text_of(caption->get("media_id")), "43");
       }));
   // Our choice: a numeric "id" or "link" is cut by its decimal text.
-  yes(
-      "a media record whose id is a number",
-      [](Scene& s) {
-        auto media = test::older_media("0", "https://photos.example/p/GGG");
-        media->set("id", num(12345));
-        add_trip_media(s, test::media_archive(*media));
-      },
-      second_trip_media([](const Dictionary* media) {
-        ASSERT_NE(media, nullptr);
-        EXPECT_EQ(int_of(media->get("id")), 12345);
-        EXPECT_EQ(text_of(media->get("pk")), "12345");
-        EXPECT_EQ(text_of(as_dict(media->get("caption"))->get("media_id")), "12345");
+  yes("a media record whose id is a number", add_trip_media("0", "https://photos.example/p/GGG", {{"id", num(12345)}}),
+      second_trip_media([](const Dictionary& media) {
+        EXPECT_EQ(int_of(media.get("id")), 12345);
+        EXPECT_EQ(text_of(media.get("pk")), "12345");
+        EXPECT_EQ(text_of(as_dict(media.get("caption"))->get("media_id")), "12345");
       }));
-  yes(
-      "a media record whose link is a number",
-      [](Scene& s) {
-        auto media = test::older_media("44_1001", "");
-        media->set("link", num(987));
-        add_trip_media(s, test::media_archive(*media));
-      },
-      second_trip_media([](const Dictionary* media) {
-        ASSERT_NE(media, nullptr);
-        EXPECT_EQ(text_of(media->get("code")), "987");
-      }));
-  yes(
-      "a media record whose nested values are of the wrong kinds",
-      [](Scene& s) {
-        auto media = test::older_media("45_1001", "https://photos.example/p/HHH");
-        media->set("caption", str("a caption"));
-        media->set("images", array({str("https://img.example/s.jpg")}));
-        media->set("user", num(77));
-        media->set("likes", str("12"));
-        media->set("comments", dict({{"count", dict({{"n", num(3)}})}}));
-        media->set("videos", Null::shared());
-        add_trip_media(s, test::media_archive(*media));
-      },
-      second_trip_media([](const Dictionary* media) {
-        ASSERT_NE(media, nullptr);
-        EXPECT_EQ(int_of(media->get("media_type")), 2);  // a stored null under "videos" counts
-        EXPECT_EQ(media->get("like_count"), nullptr);
-        EXPECT_EQ(media->get("taken_at"), nullptr);
-        EXPECT_NE(as_dict(media->get("comment_count")), nullptr);  // copied as stored
-        EXPECT_EQ(as_dict(media->get("user"))->size(), 1u);
-        const Array* candidates = as_array(as_dict(media->get("image_versions2"))->get("candidates"));
+  yes("a media record whose link is a number", add_trip_media("44_1001", "", {{"link", num(987)}}),
+      second_trip_media([](const Dictionary& media) { EXPECT_EQ(text_of(media.get("code")), "987"); }));
+  yes("a media record whose nested values are of the wrong kinds",
+      add_trip_media("45_1001", "https://photos.example/p/HHH",
+                     {{"caption", str("a caption")},
+                      {"images", array({str("https://img.example/s.jpg")})},
+                      {"user", num(77)},
+                      {"likes", str("12")},
+                      {"comments", dict({{"count", dict({{"n", num(3)}})}})},
+                      {"videos", Null::shared()}}),
+      second_trip_media([](const Dictionary& media) {
+        EXPECT_EQ(int_of(media.get("media_type")), 2);  // a stored null under "videos" counts
+        EXPECT_EQ(media.get("like_count"), nullptr);
+        EXPECT_EQ(media.get("taken_at"), nullptr);
+        EXPECT_NE(as_dict(media.get("comment_count")), nullptr);  // copied as stored
+        EXPECT_EQ(as_dict(media.get("user"))->size(), 1u);
+        const Array* candidates = as_array(as_dict(media.get("image_versions2"))->get("candidates"));
         ASSERT_EQ(candidates->size(), 2u);
         EXPECT_EQ(as_dict(candidates->at(0).get())->get("url"), nullptr);
       }));
-  yes(
-      "a media record whose like count is a list nested 100,000 deep",
-      [](Scene& s) {
-        auto media = test::older_media("46_1001", "https://photos.example/p/III");
-        media->set("likes", dict({{"count", nested_list(kDeep)}}));
-        add_trip_media(s, test::media_archive(*media));
-      },
-      second_trip_media([](const Dictionary* media) {
-        ASSERT_NE(media, nullptr);
+  yes("a media record whose like count is a list nested 100,000 deep",
+      add_trip_media("46_1001", "https://photos.example/p/III", {{"likes", dict({{"count", nested_list(kDeep)}})}}),
+      second_trip_media([](const Dictionary& media) {
         int depth = 0;
-        const Object* at = media->get("like_count");
+        const Object* at = media.get("like_count");
         while (const Array* a = as_array(at)) {
           ++depth;
           if (a->size() != 1) break;
@@ -827,27 +768,9 @@ std::vector<Case> catalogue() {
       }));
 
   // The store. Our choice: a store that cannot be attached answers (NO, nil), like a missing one.
-  no(
-      "the store is truncated to half its size",
-      [](Scene& s) {
-        s.write();
-        test::write_file(s.home.store_file(), half(s.home.store_file()));
-      },
-      No::StoreRefused);
-  no(
-      "the store is garbage",
-      [](Scene& s) {
-        s.write();
-        test::write_file(s.home.store_file(), garbage(64 * 1024, 5));
-      },
-      No::StoreRefused);
-  no(
-      "the store has zero bytes",
-      [](Scene& s) {
-        s.write();
-        test::write_file(s.home.store_file(), "");
-      },
-      No::StoreRefused);
+  no("the store is truncated to half its size", rewrite(kStore, half), No::StoreRefused);
+  no("the store is garbage", rewrite(kStore, garbage(64 * 1024, 5)), No::StoreRefused);
+  no("the store has zero bytes", rewrite(kStore, ""), No::StoreRefused);
   no(
       "the store is an SQLite file without tables",
       [](Scene& s) {
@@ -856,30 +779,21 @@ std::vector<Case> catalogue() {
         test::TestDb(s.home.store_file()).exec("PRAGMA user_version = 7");
       },
       No::StoreRefused);
-  no(
-      "the store has no Z_METADATA table", [](Scene& s) { s.home.store().exec("DROP TABLE Z_METADATA"); },
-      No::StoreRefused);
-  no(
-      "the store has no ZACCOUNT table", [](Scene& s) { s.home.store().exec("DROP TABLE ZACCOUNT"); }, No::NoAccounts);
-  no(
-      "the store does not know the entity Account",
-      [](Scene& s) { s.home.store().exec("DELETE FROM Z_PRIMARYKEY WHERE Z_NAME = 'Account'"); }, No::NoAccounts);
-  no(
-      "the store's ZACCOUNT was rebuilt without ZUID",
-      [](Scene& s) {
-        s.home.store().exec(
-            "CREATE TABLE ZACCOUNT_NEW ( Z_PK INTEGER PRIMARY KEY, Z_ENT INTEGER, Z_OPT INTEGER, ZNAME VARCHAR );"
-            "INSERT INTO ZACCOUNT_NEW SELECT Z_PK, Z_ENT, Z_OPT, ZNAME FROM ZACCOUNT;"
-            "DROP TABLE ZACCOUNT; ALTER TABLE ZACCOUNT_NEW RENAME TO ZACCOUNT;");
-      },
-      No::NoAccounts);
-  yes("the store has no ZFRIEND table", [](Scene& s) { s.home.store().exec("DROP TABLE ZFRIEND"); }, {.friends = ""});
-  yes("the store has no ZIMAGEITEM table", [](Scene& s) { s.home.store().exec("DROP TABLE ZIMAGEITEM"); },
+  no("the store has no Z_METADATA table", sql("DROP TABLE Z_METADATA"), No::StoreRefused);
+  no("the store has no ZACCOUNT table", sql("DROP TABLE ZACCOUNT"), No::NoAccounts);
+  no("the store does not know the entity Account", sql("DELETE FROM Z_PRIMARYKEY WHERE Z_NAME = 'Account'"),
+     No::NoAccounts);
+  no("the store's ZACCOUNT was rebuilt without ZUID",
+     sql("CREATE TABLE ZACCOUNT_NEW ( Z_PK INTEGER PRIMARY KEY, Z_ENT INTEGER, Z_OPT INTEGER, ZNAME VARCHAR );"
+         "INSERT INTO ZACCOUNT_NEW SELECT Z_PK, Z_ENT, Z_OPT, ZNAME FROM ZACCOUNT;"
+         "DROP TABLE ZACCOUNT; ALTER TABLE ZACCOUNT_NEW RENAME TO ZACCOUNT;"),
+     No::NoAccounts);
+  yes("the store has no ZFRIEND table", sql("DROP TABLE ZFRIEND"), {.friends = ""});
+  yes("the store has no ZIMAGEITEM table", sql("DROP TABLE ZIMAGEITEM"),
       {.albums = "Holidays[album:Trip(0)] album:Attic(0) album:Beach(0) album:Cellar(0)"});
-  yes("the store's ZIMAGELIST has no ZTITLE column",
-      [](Scene& s) { s.home.store().exec("ALTER TABLE ZIMAGELIST DROP COLUMN ZTITLE"); }, {.albums = "Holidays[]"});
-  yes("the store keeps an account's uid as a blob",
-      [](Scene& s) { s.home.store().exec("UPDATE ZACCOUNT SET ZUID = X'31303031'"); });
+  yes("the store's ZIMAGELIST has no ZTITLE column", sql("ALTER TABLE ZIMAGELIST DROP COLUMN ZTITLE"),
+      {.albums = "Holidays[]"});
+  yes("the store keeps an account's uid as a blob", sql("UPDATE ZACCOUNT SET ZUID = X'31303031'"));
   no(
       "the store is locked by a writing process",
       [](Scene& s) {
@@ -922,14 +836,7 @@ std::vector<Case> catalogue() {
         test::write_file(s.velmora(), "Velmora");
       },
       No::StoreRefused);
-  no(
-      "a folder stands in place of the store",
-      [](Scene& s) {
-        s.write();
-        fs::remove(s.home.store_file());
-        fs::create_directories(s.home.store_file());
-      },
-      No::StoreRefused);
+  no("a folder stands in place of the store", folder_in_place_of(kStore), No::StoreRefused);
   return c;
 }
 
@@ -945,14 +852,16 @@ std::unique_ptr<Scene> build(const Case& c) {
 }
 
 // The direct import on a thread of its own (which serves the main queue while it runs); nothing
-// when it has not answered within the limit.
-std::optional<service::ImportOutcome> import_within(const std::string& home, std::chrono::seconds limit) {
+// when it has not answered within the limit, and then the run goes on in the background: its
+// installation must outlive it, so it is let go.
+std::optional<service::ImportOutcome> import_within(std::unique_ptr<Scene>& s) {
   auto task = std::make_shared<std::packaged_task<service::ImportOutcome()>>(
-      [home] { return service::run_direct_import(home); });
+      [home = s->home.home()] { return service::run_direct_import(home); });
   std::future<service::ImportOutcome> done = task->get_future();
   std::thread([task] { (*task)(); }).detach();
-  if (done.wait_for(limit) != std::future_status::ready) return std::nullopt;
-  return done.get();
+  if (done.wait_for(kRunLimit) == std::future_status::ready) return done.get();
+  (void)s.release();
+  return std::nullopt;
 }
 
 void expect_reply(const Case& c, Scene& s, const service::ImportOutcome& outcome, const LogCapture& log) {
@@ -1029,17 +938,10 @@ TEST(HostileInstallation, EveryCaseGetsItsReplyAndLeavesTheInstallationAsItWas) 
     std::unique_ptr<Scene> s = build(c);
     const test::TreeSnapshot before = test::snapshot_tree(s->home.path());
     const auto stamped = stamps(s->home.path());
-    std::optional<service::ImportOutcome> outcome;
-    {
-      LogCapture log;
-      outcome = import_within(s->home.home(), kRunLimit);
-      if (!outcome) {
-        // The run goes on in the background: its installation must outlive it.
-        (void)s.release();
-        FAIL() << "no reply within " << kRunLimit.count() << " s";
-      }
-      expect_reply(c, *s, *outcome, log);
-    }
+    LogCapture log;
+    std::optional<service::ImportOutcome> outcome = import_within(s);
+    ASSERT_TRUE(outcome) << "no reply within " << kRunLimit.count() << " s";
+    expect_reply(c, *s, *outcome, log);
     EXPECT_EQ(test::snapshot_tree(s->home.path()), before);
     EXPECT_EQ(stamps(s->home.path()), stamped);
   }
@@ -1059,11 +961,8 @@ TEST(HostileInstallation, ThroughAPrivateBusTheReplyIsTheDirectOne) {
     HeapScope scope(heap);
     std::unique_ptr<Scene> s = build(*c);
     const test::TreeSnapshot before = test::snapshot_tree(s->home.path());
-    std::optional<service::ImportOutcome> direct = import_within(s->home.home(), kRunLimit);
-    if (!direct) {
-      (void)s.release();
-      FAIL() << "no direct reply within " << kRunLimit.count() << " s";
-    }
+    std::optional<service::ImportOutcome> direct = import_within(s);
+    ASSERT_TRUE(direct) << "no direct reply within " << kRunLimit.count() << " s";
     EXPECT_EQ(direct->success, std::holds_alternative<Yes>(c->reply));
 
     test::PrivateBusOptions options;

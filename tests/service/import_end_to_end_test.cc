@@ -32,7 +32,7 @@ void fill_two_accounts(LegacyHome& home) {
   store.add_image(trip, test::media_archive(*test::older_media("11_1001", "https://photos.example/p/AAA")));
   store.add_image(trip, test::media_archive(*test::older_media("12_1001", "https://photos.example/p/BBB/", "", "ann", true)));
   store.add_album("Unfiled", 50.0);
-  const auto friend_pk = store.add_friend({.uid = "77", .name = "carla", .added = 5.5, .media_count = 9, .account = ann});
+  store.add_friend({.uid = "77", .name = "carla", .added = 5.5, .media_count = 9, .account = ann});
 
   auto shared = test::sidebar_root();
   auto albums = test::add_base_folder(*shared, kFolderAlbumsIdentifier);
@@ -50,7 +50,6 @@ void fill_two_accounts(LegacyHome& home) {
   home.set_in("UserAccountsI", "1001", str("https://pics.example/ann.jpg"));
   home.set_in("kUserBlacklistKey", "1234", str("spammer"));
   home.add_statistics("1001");
-  (void)friend_pk;
   home.write();
 }
 
@@ -61,6 +60,8 @@ Ref<Array> decode_reply(const std::string& archive) {
   return root.ok() ? Ref<Array>(as_array(root.value().get())) : nullptr;
 }
 
+// What a result holds is checked over many installations by the hostile installation catalogue: here,
+// one result per account with a user id, and a real reply as the client reads it.
 TEST(ImportEndToEnd, DirectRunGivesOneResultPerAccountSharingOneAlbumTree) {
   LegacyHome home;
   fill_two_accounts(home);
@@ -76,31 +77,8 @@ TEST(ImportEndToEnd, DirectRunGivesOneResultPerAccountSharingOneAlbumTree) {
   auto* b = dynamic_cast<MQImporterNodeResult*>(results->at(1).get());
   ASSERT_TRUE(a && b);
   EXPECT_EQ(a->albums.get(), b->albums.get());
-  auto* acc = dynamic_cast<MQImporterAccount*>(a->account.get());
-  EXPECT_EQ(text_of(acc->userid.get()), "1001");
-  EXPECT_EQ(text_of(acc->username.get()), "ann");
-  EXPECT_EQ(text_of(acc->imageURLString.get()), "https://pics.example/ann.jpg");
   EXPECT_NE(a->statistics, nullptr);
-  EXPECT_EQ(b->statistics, nullptr);
-  EXPECT_EQ(b->tags != nullptr, true);
-
-  // The album tree comes from the shared structure: "Holidays" with Trip (two converted media), then
-  // the unfiled album.
-  auto* albums = dynamic_cast<MQImporterNodeFolder*>(a->albums.get());
-  ASSERT_NE(albums, nullptr);
-  EXPECT_TRUE(albums->isRoot);
-  ASSERT_EQ(albums->childList()->size(), 2u);
-  auto* holidays = dynamic_cast<MQImporterNodeFolder*>(albums->childList()->at(0).get());
-  ASSERT_NE(holidays, nullptr);
-  auto* trip = dynamic_cast<MQImporterNodeAlbum*>(holidays->childList()->at(0).get());
-  ASSERT_NE(trip, nullptr);
-  const Array* items = as_array(trip->items.get());
-  ASSERT_EQ(items->size(), 2u);
-  const Dictionary* second = as_dict(items->at(1).get());
-  EXPECT_EQ(as_number(second->get("media_type"))->int_value(), 2);
-  EXPECT_EQ(text_of(second->get("code")), "");
-  EXPECT_TRUE(as_number(second->get("converted_from_orvia4"))->is_bool());
-  EXPECT_EQ(as_dict(second->get("caption"))->get("user"), second->get("user"));
+  EXPECT_EQ(b->statistics, nullptr);  // bob has no statistics database
 
   // The client reads the archive with its own classes: GNUstep gives the same records.
   if (test::gnustep_available()) {
@@ -112,67 +90,61 @@ TEST(ImportEndToEnd, DirectRunGivesOneResultPerAccountSharingOneAlbumTree) {
   EXPECT_EQ(test::snapshot_tree(home.path()), before);
 }
 
-TEST(ImportEndToEnd, ThroughTheBusTheReplyIsTheDirectArchive) {
-  LegacyHome home;
-  fill_two_accounts(home);
-  const test::TreeSnapshot before = test::snapshot_tree(home.path());
-  const std::string direct = *service::run_direct_import(home.home()).archive;
-
-  test::PrivateBusOptions options;
-  options.environment["HOME"] = home.home();
-  test::PrivateBus bus(options);
-  // Two requests one after the other, then several clients at once: each answered once, alike.
-  for (int i = 0; i < 2; ++i) {
-    client::CallOutcome reply = client::find_importable_results();
-    ASSERT_EQ(reply.status, client::CallStatus::Replied) << reply.error << "\n" << bus.daemon_log();
-    ASSERT_TRUE(reply.success);
-    EXPECT_EQ(reply.archive, direct);
-  }
-  std::atomic<int> same{0};
-  std::vector<std::thread> clients;
-  for (int i = 0; i < 4; ++i) {
-    clients.emplace_back([&] {
-      client::CallOutcome reply = client::find_importable_results();
-      if (reply.status == client::CallStatus::Replied && reply.success && reply.archive == direct) ++same;
-    });
-  }
-  for (auto& t : clients) t.join();
-  EXPECT_EQ(same.load(), 4);
-  EXPECT_EQ(test::snapshot_tree(home.path()), before);
-}
-
-TEST(ImportEndToEnd, EveryFailureIsAnsweredNoWithoutAnArchive) {
+TEST(ImportEndToEnd, ThroughTheBusEveryInstallationGetsTheDirectReply) {
   struct Case {
     const char* name;
     std::function<void(LegacyHome&)> make;
+    bool store;  // written (made empty when nothing was added), or left out
+    bool success;
+    std::size_t results;
   };
   const Case cases[] = {
-      {"no legacy installation", [](LegacyHome& h) {
-         h.remove("FinishedStartScreen410x");
-         h.write();
-       }},
-      {"a store without accounts", [](LegacyHome& h) {
-         h.store().add_album("lonely");
-         h.write();
-       }},
-      {"a store that is not SQLite", [](LegacyHome& h) {
-         h.write_preferences();
-         test::write_file(h.store_file(), std::string(8192, 'x'));
-       }},
-      {"no store at all", [](LegacyHome& h) { h.write_preferences(); }},
+      {"two accounts with user ids", fill_two_accounts, true, true, 2},
+      {"accounts without user ids: an empty success",
+       [](LegacyHome& h) { h.store().add_account(std::nullopt, "anonymous"); }, true, true, 0},
+      {"no legacy installation", [](LegacyHome& h) { h.remove("FinishedStartScreen410x"); }, true, false, 0},
+      {"a store without accounts", [](LegacyHome& h) { h.store().add_album("lonely"); }, true, false, 0},
+      {"a store that is not SQLite",
+       [](LegacyHome& h) { test::write_file(h.store_file(), std::string(8192, 'x')); }, false, false, 0},
+      {"no store at all", [](LegacyHome&) {}, false, false, 0},
   };
   for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
     LegacyHome home;
     c.make(home);
+    if (c.store) {
+      home.write();
+    } else {
+      home.write_preferences();
+    }
     const test::TreeSnapshot before = test::snapshot_tree(home.path());
+    service::ImportOutcome direct = service::run_direct_import(home.home());
+    ASSERT_EQ(direct.success, c.success);
+    ASSERT_EQ(direct.archive.has_value(), c.success);  // a failure is answered (NO, nil)
+    if (c.success) {
+      Ref<Array> results = decode_reply(*direct.archive);
+      ASSERT_NE(results, nullptr);
+      EXPECT_EQ(results->size(), c.results);
+    }
+
     test::PrivateBusOptions options;
     options.environment["HOME"] = home.home();
     test::PrivateBus bus(options);
-    client::CallOutcome reply = client::find_importable_results();
-    ASSERT_EQ(reply.status, client::CallStatus::Replied) << c.name << ": " << reply.error;
-    EXPECT_FALSE(reply.success) << c.name;
-    EXPECT_FALSE(reply.archive) << c.name;
-    EXPECT_EQ(test::snapshot_tree(home.path()), before) << c.name;
+    // Two requests one after the other, then several clients at once: each answered once, alike.
+    auto same_as_direct = [&] {
+      client::CallOutcome reply = client::find_importable_results();
+      EXPECT_EQ(reply.status, client::CallStatus::Replied) << reply.error << "\n" << bus.daemon_log();
+      return reply.status == client::CallStatus::Replied && reply.success == direct.success &&
+             reply.archive == direct.archive;
+    };
+    EXPECT_TRUE(same_as_direct());
+    EXPECT_TRUE(same_as_direct());
+    std::atomic<int> same{0};
+    std::vector<std::thread> clients;
+    for (int i = 0; i < 4; ++i) clients.emplace_back([&] { same += same_as_direct(); });
+    for (auto& t : clients) t.join();
+    EXPECT_EQ(same.load(), 4);
+    EXPECT_EQ(test::snapshot_tree(home.path()), before);
   }
 }
 
@@ -198,17 +170,6 @@ TEST(ImportEndToEnd, TheReplyForAFixedInstallationKeepsItsBytes) {
   for (std::size_t at = bytes.find(path); at != std::string::npos; at = bytes.find(path, at))
     bytes.replace(at, path.size(), std::string(path.size(), 'H'));
   EXPECT_EQ(digest(bytes), "54debfab975f5e9d") << "archive of " << bytes.size() << " bytes";
-}
-
-TEST(ImportEndToEnd, AccountsWithoutUserIdsGiveAnEmptySuccess) {
-  LegacyHome home;
-  home.store().add_account(std::nullopt, "anonymous");
-  home.write();
-  service::ImportOutcome outcome = service::run_direct_import(home.home());
-  ASSERT_TRUE(outcome.success);
-  Ref<Array> results = decode_reply(*outcome.archive);
-  ASSERT_NE(results, nullptr);
-  EXPECT_EQ(results->size(), 0u);
 }
 
 }  // namespace

@@ -31,8 +31,7 @@ TEST(SealedMemfd, HoldsExactlyTheBytesAndRefusesEveryChange) {
     ASSERT_TRUE(fd.ok()) << fd.error().message;
     int f = fd.value().get();
 
-    EXPECT_EQ(::fcntl(f, F_GET_SEALS), reply_seals());
-    EXPECT_EQ(reply_seals(), F_SEAL_SHRINK | F_SEAL_GROW | F_SEAL_WRITE | F_SEAL_SEAL);
+    EXPECT_EQ(::fcntl(f, F_GET_SEALS), reply_seals());  // each seal is tried below
     EXPECT_NE(::fcntl(f, F_GETFD) & FD_CLOEXEC, 0);
 
     auto back = read_whole_fd(f, std::size_t{1} << 30);

@@ -93,8 +93,6 @@ class LegacyStore {
   LegacyStore(const LegacyStore&) = delete;
   LegacyStore& operator=(const LegacyStore&) = delete;
 
-  const std::filesystem::path& file() const { return file_; }
-  const std::string& uuid() const { return uuid_; }
   // "x-coredata://<UUID>/<Entity>/p<pk>"
   std::string uri(Entity entity, std::int64_t pk) const;
 
@@ -147,8 +145,6 @@ class LegacyHome {
   std::filesystem::path store_file() const;
   std::filesystem::path statistics_file(std::string_view uid) const;
 
-  // The preference values that write_preferences() writes (a mutable dictionary).
-  Dictionary& preferences() { return *prefs_; }
   LegacyHome& set(std::string_view key, Ref<Object> value);
   LegacyHome& remove(std::string_view key);
   // preferences[key][subkey] = value, making preferences[key] a mutable dictionary when it is none

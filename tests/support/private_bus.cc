@@ -233,20 +233,15 @@ PrivateBus::PrivateBus(PrivateBusOptions options) {
   }
   address_ = line.substr(0, line.find('\n'));
 
-  if (options.export_address) {
-    if (const char* prev = std::getenv("DBUS_SESSION_BUS_ADDRESS")) previous_address_ = prev;
-    ::setenv("DBUS_SESSION_BUS_ADDRESS", address_.c_str(), 1);
-    exported_ = true;
-  }
+  if (const char* prev = std::getenv("DBUS_SESSION_BUS_ADDRESS")) previous_address_ = prev;
+  ::setenv("DBUS_SESSION_BUS_ADDRESS", address_.c_str(), 1);
 }
 
 PrivateBus::~PrivateBus() {
-  if (exported_) {
-    if (previous_address_) {
-      ::setenv("DBUS_SESSION_BUS_ADDRESS", previous_address_->c_str(), 1);
-    } else {
-      ::unsetenv("DBUS_SESSION_BUS_ADDRESS");
-    }
+  if (previous_address_) {
+    ::setenv("DBUS_SESSION_BUS_ADDRESS", previous_address_->c_str(), 1);
+  } else {
+    ::unsetenv("DBUS_SESSION_BUS_ADDRESS");
   }
   if (daemon_ > 0) {
     ::kill(daemon_, SIGTERM);

@@ -28,8 +28,6 @@ struct PrivateBusOptions {
   std::vector<std::filesystem::path> service_dirs = {built_services_dir()};
   // Set for the daemon, and so for every service that it starts.
   std::map<std::string, std::string> environment;
-  // Point DBUS_SESSION_BUS_ADDRESS of this process at the bus while it exists.
-  bool export_address = true;
 };
 
 // Options for a bus that starts no services (tests that serve the name themselves).
@@ -68,7 +66,6 @@ class PrivateBus {
   pid_t daemon_ = -1;
   std::string address_;
   std::optional<std::string> previous_address_;
-  bool exported_ = false;
 };
 
 // A finished program run.
