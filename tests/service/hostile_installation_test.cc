@@ -8,7 +8,6 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
-#include <algorithm>
 #include <chrono>
 #include <functional>
 #include <future>
@@ -22,6 +21,7 @@
 
 #include "client/import_client.h"
 #include "legacy/legacy_test_util.h"
+#include "legacy/media_conversion.h"
 #include "platform/description.h"
 #include "platform/keyed_archive.h"
 #include "platform/log.h"
@@ -210,6 +210,7 @@ std::string summary(const Object* node, int depth) {
   if (auto* l = dynamic_cast<const MQImporterNodeLocation*>(node))
     return "loc:" + txt(l->name.get()) + "@" + txt(l->identifier.get());
   if (auto* f = dynamic_cast<const MQImporterNodeFriend*>(node)) return "friend:" + txt(f->username.get());
+  if (as_string(node)) return txt(node);
   if (auto* a = dynamic_cast<const MQImporterNodeAlbum*>(node)) {
     const Array* items = as_array(a->items.get());
     return "album:" + txt(a->albumName.get()) + "(" + (items ? std::to_string(items->size()) : "nil") + ")";
@@ -238,43 +239,15 @@ std::string account_of(const MQImporterNodeResult& r) {
 
 const MQImporterNodeFolder* as_folder(const Object* o) { return dynamic_cast<const MQImporterNodeFolder*>(o); }
 
-// The i-th converted media record of the album Trip, which the shared tree files in "Holidays".
-const Dictionary* trip_media(const Array& results, std::size_t i) {
-  const MQImporterNodeFolder* albums = as_folder(result_at(results, 0).albums.get());
-  if (!albums || !albums->childList() || albums->childList()->empty()) return nullptr;
-  const MQImporterNodeFolder* holidays = as_folder(albums->childList()->at(0).get());
-  if (!holidays || !holidays->childList() || holidays->childList()->empty()) return nullptr;
-  auto* trip = dynamic_cast<const MQImporterNodeAlbum*>(holidays->childList()->at(0).get());
+// The second converted media record of the album Trip, which the shared tree files in "Holidays".
+const Dictionary* trip_media(const Array& results) {
+  auto first = [](const Object* o) -> const Object* {
+    const MQImporterNodeFolder* f = as_folder(o);
+    return f && f->childList() && !f->childList()->empty() ? f->childList()->at(0).get() : nullptr;
+  };
+  auto* trip = dynamic_cast<const MQImporterNodeAlbum*>(first(first(result_at(results, 0).albums.get())));
   const Array* items = trip ? as_array(trip->items.get()) : nullptr;
-  return items && i < items->size() ? as_dict(items->at(i).get()) : nullptr;
-}
-
-bool is_true(const Object* o) {
-  const Number* n = as_number(o);
-  return n && n->is_bool() && n->bool_value();
-}
-std::int64_t int_of(const Object* o) {
-  const Number* n = as_number(o);
-  return n ? n->int_value() : -1;
-}
-
-// A media record that could not be read still becomes a media dictionary: constants only.
-void expect_constants_only(const Dictionary& media) {
-  EXPECT_TRUE(is_true(media.get("converted_from_orvia4")));
-  EXPECT_TRUE(is_true(media.get("can_viewer_save")));
-  EXPECT_EQ(int_of(media.get("media_type")), 1);
-  EXPECT_EQ(int_of(media.get("original_width")), 640);
-  for (const char* missing : {"id", "pk", "code", "taken_at", "device_timestamp", "like_count", "comment_count"})
-    EXPECT_EQ(media.get(missing), nullptr) << missing;
-  const Dictionary* user = as_dict(media.get("user"));
-  ASSERT_NE(user, nullptr);
-  EXPECT_EQ(user->size(), 1u);  // is_private alone
-  const Dictionary* caption = as_dict(media.get("caption"));
-  ASSERT_NE(caption, nullptr);
-  EXPECT_EQ(caption->get("user"), media.get("user"));
-  EXPECT_EQ(caption->get("text"), nullptr);
-  EXPECT_EQ(caption->get("media_id"), nullptr);
-  EXPECT_EQ(int_of(caption->get("type")), 1);
+  return items && items->size() > 1 ? as_dict(items->at(1).get()) : nullptr;
 }
 
 // ---- building hostile values ------------------------------------------------------------------------------
@@ -310,31 +283,13 @@ std::string garbage(std::size_t size, unsigned seed) {
   return out;
 }
 
-std::string half(const fs::path& file) {
-  const std::string bytes = test::read_file(file);
-  return bytes.substr(0, bytes.size() / 2);
-}
-
-// Writes the installation, then replaces its preferences file or its store with what `bytes` makes of
-// the written file (or with `bytes` as given), or with a folder (holding `inside` unless empty).
+// Writes the installation, then replaces its preferences file or its store with `bytes`.
 using File = fs::path (LegacyHome::*)() const;
 constexpr File kPrefs = &LegacyHome::preferences_file, kStore = &LegacyHome::store_file;
-std::function<void(Scene&)> rewrite(File file, std::function<std::string(const fs::path&)> bytes) {
+std::function<void(Scene&)> rewrite(File file, std::string bytes) {
   return [file, bytes](Scene& s) {
     s.write();
-    const fs::path path = (s.home.*file)();
-    test::write_file(path, bytes(path));
-  };
-}
-std::function<void(Scene&)> rewrite(File file, std::string bytes) {
-  return rewrite(file, [bytes](const fs::path&) { return bytes; });
-}
-std::function<void(Scene&)> folder_in_place_of(File file, std::string inside = {}) {
-  return [file, inside](Scene& s) {
-    s.write();
-    const fs::path path = (s.home.*file)();
-    fs::remove(path);
-    fs::create_directories(inside.empty() ? path : path / inside);
+    test::write_file((s.home.*file)(), bytes);
   };
 }
 
@@ -378,13 +333,8 @@ Yes wal_reply() {
 
 void make_read_only(Scene& s) {
   const fs::path folder = s.velmora();
-  using fs::perms;
-  fs::permissions(folder, perms::owner_read | perms::owner_exec | perms::group_read | perms::group_exec |
-                              perms::others_read | perms::others_exec);  // 0555
-  s.undo.push_back([folder] {
-    fs::permissions(folder,
-                    perms::owner_all | perms::group_read | perms::group_exec | perms::others_read | perms::others_exec);
-  });
+  fs::permissions(folder, fs::perms(0555));
+  s.undo.push_back([folder] { fs::permissions(folder, fs::perms(0755)); });
 }
 
 void hold_lock(Scene& s, const std::string& sql) {
@@ -394,26 +344,19 @@ void hold_lock(Scene& s, const std::string& sql) {
   s.keep.push_back(holder);
 }
 
-// Trip gets a second media record: `archive` as stored, or the older form of `id` with `changes` made.
+// Trip gets a second media record, `archive` as stored.
 std::function<void(Scene&)> add_trip_media(std::optional<std::string> archive) {
   return [archive](Scene& s) { s.home.store().add_image(s.trip, archive); };
 }
-std::function<void(Scene&)> add_trip_media(std::string id, std::string link,
-                                           std::vector<std::pair<std::string, Ref<Object>>> changes) {
-  return [id, link, changes](Scene& s) {
-    auto media = test::older_media(id, link);
-    for (const auto& [key, value] : changes) media->set(key, value);
-    s.home.store().add_image(s.trip, test::media_archive(*media));
-  };
-}
 
-// Trip holding that second media record; `check` looks at its conversion.
-Yes second_trip_media(std::function<void(const Dictionary&)> check) {
+// Trip holding that second media record, converted to `expected`, with that "id", "pk" and "code".
+Yes second_trip_media(Ref<Dictionary> expected, std::string id_pk_code) {
   return Yes{.albums = "Holidays[album:Trip(2)] album:Attic(0) album:Beach(2) album:Cellar(1)",
-             .also = [check](const Array& results) {
-               const Dictionary* media = trip_media(results, 1);
+             .also = [expected, id_pk_code](const Array& results) {
+               const Dictionary* media = trip_media(results);
                ASSERT_NE(media, nullptr);
-               check(*media);
+               EXPECT_TRUE(deep_equal(media, expected.get())) << description(media);
+               EXPECT_EQ(txt(media->get("id")) + " " + txt(media->get("pk")) + " " + txt(media->get("code")), id_pk_code);
              }};
 }
 
@@ -431,58 +374,39 @@ std::vector<Case> catalogue() {
 
   yes("a healthy installation", [](Scene&) {});
 
-  // Installation markers: any value counts, whatever it is.
-  auto marker = [](std::string_view key, R value) {
-    return [key, value](Scene& s) { s.home.remove("FinishedStartScreen410x").set(key, value); };
-  };
-  yes("marker FinishedStartScreen400 stored as false", marker("FinishedStartScreen400", boolean(false)));
-  yes("marker FinishedStartScreen400x stored as 0", marker("FinishedStartScreen400x", num(0)));
-  yes("marker FinishedStartScreen410xxxxxx stored as an empty string", marker("FinishedStartScreen410xxxxxx", str("")));
-  yes("marker FinishedStartScreen415x stored as a dictionary", marker("FinishedStartScreen415x", dict()));
+  // Installation markers (whose values and names the preferences reader's tests go through).
   no(
       "no marker, every other key present", [](Scene& s) { s.home.remove("FinishedStartScreen410x"); },
       No::NoInstallation);
 
   // "OutlineFolderModels" and its entries: anything that is not a readable archive of an item is no
   // stored tree (the user, or the shared album tree, starts from a new one).
-  auto models = [](R value) {
-    return [value](Scene& s) {
-      s.tree = s.shared = nullptr;
-      s.home.set("OutlineFolderModels", value);
-    };
+  yes(
+      "OutlineFolderModels is an array",
+      [](Scene& s) {
+        s.tree = s.shared = nullptr;
+        s.home.set("OutlineFolderModels", array({str("1001")}));
+      },
+      {.tags = kTagsUnfiled, .locations = kLocationsUnfiled, .albums = kAlbumsUnfiled});
+  const std::vector<std::pair<std::string, std::function<R(Scene&)>>> user_entries = {
+      {"garbage bytes", [](Scene&) -> R { return orvia::data(garbage(3000, 1)); }},
+      {"archives an object of an unknown class",
+       [](Scene&) -> R {
+         return orvia::data(archive_root(record({"MQSidebarThing", "NSObject"},
+                                                {{"title", str("Root"), false}, {"identifier", str("root"), false}})));
+       }},
+      {"an XML property list nested 300,000 deep", [](Scene&) -> R { return orvia::data(deep_xml(3 * kDeep)); }},
   };
-  const Yes trees_lost{.tags = kTagsUnfiled, .locations = kLocationsUnfiled, .albums = kAlbumsUnfiled};
-  yes("OutlineFolderModels is an array", models(array({str("1001")})), trees_lost);
-  yes("OutlineFolderModels is a string", models(str("1001")), trees_lost);
-  auto user_entry = [](std::function<R(Scene&)> value) {
-    return [value](Scene& s) {
-      R v = value(s);
-      s.tree = nullptr;
-      s.home.set_in("OutlineFolderModels", "1001", v);
-    };
-  };
-  const Yes user_tree_lost{.tags = kTagsUnfiled, .locations = kLocationsUnfiled};
-  yes("the user's sidebar entry is a string", user_entry([](Scene&) -> R { return str("Root"); }), user_tree_lost);
-  yes("the user's sidebar entry is a number", user_entry([](Scene&) -> R { return num(7); }), user_tree_lost);
-  yes("the user's sidebar entry is an array",
-      user_entry([](Scene& s) -> R { return array({orvia::data(archive_root(s.tree.get()))}); }), user_tree_lost);
-  yes("the user's sidebar entry is garbage bytes",
-      user_entry([](Scene&) -> R { return orvia::data(garbage(3000, 1)); }), user_tree_lost);
-  yes("the user's sidebar entry is a truncated archive", user_entry([](Scene& s) -> R {
-        const std::string bytes = archive_root(s.tree.get());
-        return orvia::data(bytes.substr(0, bytes.size() / 2));
-      }),
-      user_tree_lost);
-  yes("the user's sidebar entry archives an NSArray of the base folders",
-      user_entry([](Scene& s) -> R { return orvia::data(archive_root(s.tree->children.get())); }), user_tree_lost);
-  yes("the user's sidebar entry archives an object of an unknown class", user_entry([](Scene&) -> R {
-        return orvia::data(archive_root(record({"MQSidebarThing", "NSObject"},
-                                               {{"title", str("Root"), false}, {"identifier", str("root"), false}})));
-      }),
-      user_tree_lost);
-  yes("the user's sidebar entry is an XML property list nested 300,000 deep",
-      user_entry([](Scene&) -> R { return orvia::data(deep_xml(3 * kDeep)); }), user_tree_lost);
-  yes("the shared album entry is garbage bytes",
+  for (const auto& [what, value] : user_entries)
+    yes("the user's sidebar entry is " + what,
+        [value](Scene& s) {
+          R v = value(s);
+          s.tree = nullptr;
+          s.home.set_in("OutlineFolderModels", "1001", v);
+        },
+        {.tags = kTagsUnfiled, .locations = kLocationsUnfiled});
+  yes(
+      "the shared album entry is garbage bytes",
       [](Scene& s) {
         s.shared = nullptr;
         s.home.set_in("OutlineFolderModels", test::kSharedAlbumsUser, orvia::data(garbage(500, 2)));
@@ -490,43 +414,34 @@ std::vector<Case> catalogue() {
       {.albums = kAlbumsUnfiled});
 
   // The block list does not travel in the reply; a block list of any shape leaves the rest alone.
-  yes("kUserBlacklistKey is an array", [](Scene& s) { s.home.set("kUserBlacklistKey", array({str("1234")})); });
-  yes("kUserBlacklistKey is a string", [](Scene& s) { s.home.set("kUserBlacklistKey", str("spammer")); });
   yes("kUserBlacklistKey maps ids to numbers and lists", [](Scene& s) {
     s.home.set("kUserBlacklistKey", dict({{"1234", num(5)}, {"99", array({str("x")})}, {"7", dict()}}));
   });
 
   // Account values: a lookup that finds no dictionary gives nothing; a picture address that is not
   // text is left out (our choice: the client's record holds text there).
-  auto accounts = [](R i, R t, R e) {
-    return [i, t, e](Scene& s) { s.home.set("UserAccountsI", i).set("UserAccountsT", t).set("UserAccountsE", e); };
-  };
-  yes("UserAccountsI, T and E are arrays",
-      accounts(array({str("https://pics.example/ann.jpg")}), array({str("t")}), array({date(1)})),
-      {.account = "1001 ann nil"});
-  yes("UserAccountsI, T and E are strings", accounts(str("https://x.example/a.jpg"), str("t"), str("e")),
-      {.account = "1001 ann nil"});
-  yes("UserAccountsI, T and E hold entries of the wrong kinds",
-      accounts(dict({{"1001", num(42)}}), dict({{"1001", array({str("t")})}}), dict({{"1001", str("tomorrow")}})),
-      {.account = "1001 ann nil"});
-  yes("UserAccountsI holds entries for other accounts only",
-      accounts(dict({{"1002", str("https://pics.example/bob.jpg")}, {"", str("empty")}}), dict(), dict()),
+  yes(
+      "UserAccountsI, T and E hold entries of the wrong kinds",
+      [](Scene& s) {
+        s.home.set("UserAccountsI", dict({{"1001", num(42)}}))
+            .set("UserAccountsT", dict({{"1001", array({str("t")})}}))
+            .set("UserAccountsE", dict({{"1001", str("tomorrow")}}));
+      },
       {.account = "1001 ann nil"});
 
   // Order indexes, read as the old client's integerValue; both keys take the same value.
-  auto orders = [](R value) {
-    return [value](Scene& s) { s.home.set("WZAlbumsOrderIndex", value).set("WZFavoriteFriendsOrderIndex", value); };
+  struct Order {
+    std::string what;
+    R value;
+    std::string friends, albums;
   };
-  yes("order indexes are the string \"2\"", orders(str("2")), {.friends = kFriendsByName, .albums = kAlbumsByCreation});
-  yes("order indexes are the real 1.9", orders(real(1.9)), {.friends = kFriendsByAdded, .albums = kAlbumsByCount});
-  yes("order indexes are the boolean true", orders(boolean(true)),
-      {.friends = kFriendsByAdded, .albums = kAlbumsByCount});
-  yes("order indexes are dictionaries", orders(dict({{"index", num(2)}})));
-  yes("order indexes are negative", orders(num(-1)), {.friends = kFriendsByName});
-  yes("order indexes are the largest integer", orders(num(INT64_MAX)), {.friends = kFriendsByName});
-  yes("order indexes are a 30-digit string", orders(str("999999999999999999999999999999")),
-      {.friends = kFriendsByName});
-  yes("order indexes are the real 1e300", orders(real(1e300)), {.friends = kFriendsByName});
+  for (const Order& o : std::vector<Order>{{"the string \"2\"", str("2"), kFriendsByName, kAlbumsByCreation},
+                                           {"the real 1.9", real(1.9), kFriendsByAdded, kAlbumsByCount},
+                                           {"the real 1e300", real(1e300), kFriendsByName, kAlbums}})
+    yes(
+        "order indexes are " + o.what,
+        [v = o.value](Scene& s) { s.home.set("WZAlbumsOrderIndex", v).set("WZFavoriteFriendsOrderIndex", v); },
+        {.friends = o.friends, .albums = o.albums});
 
   // Per-account favourite lists (those given).
   auto favourites = [](R tags, R locations) {
@@ -535,24 +450,12 @@ std::vector<Case> catalogue() {
       if (locations) s.home.set_in("FavoriteSidebarLocations", "1001", locations);
     };
   };
-  yes("FavoriteSidebarTags and FavoriteSidebarLocations are arrays",
-      [](Scene& s) {
-        s.home.set("FavoriteSidebarTags", array({dict({{"tag", str("sunset")}})}));
-        s.home.set("FavoriteSidebarLocations", array({location("77", "Oslo", 1, 2)}));
-      },
-      {.tags = "tag:plain/0", .locations = "loc:Bergen@88"});
-  yes("the account's favourite lists are strings", favourites(str("sunset"), str("77")),
-      {.tags = "tag:plain/0", .locations = "loc:Bergen@88"});
   // The search for a filed entry stops at the first element that is not a dictionary; the collector
   // skips such elements with a message (our choice: an element without a tag or id).
   yes("the account's favourite lists hold strings and numbers",
       favourites(array({str("sunset"), num(5), dict({{"tag", str("beach")}, {"count", num(2)}})}),
                  array({str("77"), num(5), location("99", "Rome", 1, 2)})),
       {.tags = "tag:beach/2 tag:plain/0", .locations = "loc:Rome@99 loc:Bergen@88"});
-  yes("a favourite tag's \"tag\" is a number",
-      favourites(array({dict({{"tag", num(5)}, {"count", num(1)}}), dict({{"tag", str("beach")}, {"count", num(2)}}),
-                        dict({{"tag", str("sunset")}, {"count", num(4)}})}),
-                 nullptr));
   yes("favourite tag counts are a string and a dictionary",
       favourites(array({dict({{"tag", str("beach")}, {"count", str("7 apples")}}),
                         dict({{"tag", str("sunset")}, {"count", dict({{"n", num(4)}})}})}),
@@ -569,25 +472,13 @@ std::vector<Case> catalogue() {
   auto plain_lists = [](R tags, R locations) {
     return [tags, locations](Scene& s) { s.home.set("IGFavouriteTags", tags).set("IGFavouriteLocations", locations); };
   };
-  const Yes plain_lists_add_nothing{.tags = "tag:sunset/4 tag:beach/2",
-                                    .locations = "loc:Oslo harbour@location-77 loc:Rome@99"};
   yes("IGFavouriteTags and IGFavouriteLocations are strings", plain_lists(str("plain"), str("88")),
-      plain_lists_add_nothing);
-  yes("IGFavouriteTags and IGFavouriteLocations are dictionaries",
-      plain_lists(dict({{"plain", num(1)}}), dict({{"id", str("88")}, {"name", str("Bergen")}})),
-      plain_lists_add_nothing);
-  yes("IGFavouriteTags and IGFavouriteLocations are mixed lists",
-      plain_lists(array({str("a"), num(5), dict(), str("b"), orvia::data("xy"), date(3)}),
-                  array({dict({{"id", str("88")}, {"name", str("Bergen")}}), str("88"), num(5),
-                         dict({{"name", str("Nameless")}})})),
-      {.tags = "tag:sunset/4 tag:beach/2 tag:a/0 tag:b/0",
-       .locations = "loc:Oslo harbour@location-77 loc:Rome@99 loc:Bergen@88 loc:Nameless@nil"});
+      {.tags = "tag:sunset/4 tag:beach/2", .locations = "loc:Oslo harbour@location-77 loc:Rome@99"});
   yes("IGFavouriteTags holds a list nested 100,000 deep", [](Scene& s) {
     s.home.set("IGFavouriteTags", array({nested_list(kDeep), str("plain")}));
   });
 
   // The preferences file itself.
-  no("the preferences file is truncated", rewrite(kPrefs, half), No::NoInstallation);
   no("the preferences file is garbage", rewrite(kPrefs, "bplist00" + garbage(4000, 3)), No::NoInstallation);
   yes("the preferences file is XML", [](Scene& s) {
     s.write();
@@ -595,33 +486,22 @@ std::vector<Case> catalogue() {
     ASSERT_TRUE(xml.ok());
     test::write_file(s.home.preferences_file(), xml.value());
   });
-  no("the preferences file is XML with a top-level array",
-     rewrite(kPrefs, write_xml_plist(array({dict({{"FinishedStartScreen410x", boolean(true)}})}).get()).value()),
-     No::NoInstallation);
   // Our choice: an XML file nested deeper than the reader takes is as unreadable as garbage.
   no("the preferences file is XML nested 300,000 deep",
      rewrite(kPrefs, deep_xml(3 * kDeep, "<key>FinishedStartScreen410x</key><true/>")), No::NoInstallation);
-  no("the preferences file is empty", rewrite(kPrefs, ""), No::NoInstallation);
-  no("a folder stands in place of the preferences file", folder_in_place_of(kPrefs, "inside"), No::NoInstallation);
 
   // Sidebar trees. Folders are expanded once: a children list that comes back to a folder already
   // exported leaves it out (our choice).
-  yes("a sidebar folder lists its own ancestor",
+  yes(
+      "a sidebar folder lists its own ancestor",
       [](Scene& s) {
         auto loop = test::add_folder(*s.tags, "Loop");
         loop->childList()->push_back(s.tags);
       },
       {.tags = "Loop[] tag:sunset/4 tag:beach/2 tag:plain/0"});
   yes("a sidebar entry is its own parent", [](Scene& s) { s.sunset->parent = s.sunset; });
-  yes("a sidebar folder lists itself",
-      [](Scene& s) {
-        auto self = test::add_folder(*s.tags, "Self");
-        self->childList()->push_back(self);
-        self->childList()->push_back(s.sunset);
-        s.tags->children = mutable_array({self});
-      },
-      {.tags = "Self[tag:sunset/4] tag:beach/2 tag:plain/0"});
-  yes("a sidebar tree 100,000 folders deep",
+  yes(
+      "a sidebar tree 100,000 folders deep",
       [](Scene& s) {
         s.tags->children = mutable_array();
         Ref<OutlineFolderItem> at = s.tags;
@@ -629,35 +509,27 @@ std::vector<Case> catalogue() {
         test::add_entry(*at, "sunset", test::favtag_id("sunset"));
       },
       {.tags = kAny, .also = [](const Array& results) {
-         const MQImporterNodeFolder* tags = as_folder(result_at(results, 0).tags.get());
-         ASSERT_TRUE(tags && tags->childList());
-         ASSERT_EQ(tags->childList()->size(), 3u);
-         EXPECT_EQ(summary(tags->childList()->at(1).get()), "tag:beach/2");
-         EXPECT_EQ(summary(tags->childList()->at(2).get()), "tag:plain/0");
+         const Array* tags = as_folder(result_at(results, 0).tags.get())->childList();
+         ASSERT_EQ(tags->size(), 3u);
+         EXPECT_EQ(summary(tags->at(1).get()) + " " + summary(tags->at(2).get()), "tag:beach/2 tag:plain/0");
          int depth = 0;
-         const Object* at = tags->childList()->at(0).get();
-         while (const MQImporterNodeFolder* f = as_folder(at)) {
+         const Object* at = tags->at(0).get();
+         for (const MQImporterNodeFolder* f; (f = as_folder(at)) && f->childList() && f->childList()->size() == 1;
+              at = f->childList()->at(0).get())
            ++depth;
-           if (!f->childList() || f->childList()->size() != 1) break;
-           at = f->childList()->at(0).get();
-         }
-         EXPECT_EQ(depth, kDeep);
-         EXPECT_EQ(summary(at), "tag:sunset/4");
+         EXPECT_EQ(std::to_string(depth) + " levels to " + summary(at), "100000 levels to tag:sunset/4");
        }});
-  yes("sidebar identifiers that are numbers",
+  yes(
+      "sidebar identifiers that are numbers or missing",
       [](Scene& s) {
         s.sunset->identifier = num(5);
         test::add_folder(*s.tags, "Numbered")->identifier = num(7);
-      },
-      {.tags = "Numbered[] tag:beach/2 tag:sunset/4 tag:plain/0"});
-  yes("sidebar items without identifiers",
-      [](Scene& s) {
-        s.sunset->identifier = nullptr;
         test::add_folder(*s.tags, "Nameless")->identifier = nullptr;
       },
-      {.tags = "Nameless[] tag:beach/2 tag:sunset/4 tag:plain/0"});
+      {.tags = "Nameless[] Numbered[] tag:beach/2 tag:sunset/4 tag:plain/0"});
   // Our choice: children whose title is not text come after the titled ones, in stored order.
-  yes("sidebar titles that are numbers",
+  yes(
+      "sidebar titles that are numbers",
       [](Scene& s) {
         test::add_folder(*s.tags, "b");
         test::add_folder(*s.tags, "three")->title = num(3);
@@ -665,7 +537,8 @@ std::vector<Case> catalogue() {
         test::add_folder(*s.tags, "none")->title = nullptr;
       },
       {.tags = "a[] b[] tag:sunset/4 3[] nil[] tag:beach/2 tag:plain/0"});
-  yes("sidebar children that are not lists",
+  yes(
+      "sidebar children that are not lists",
       [](Scene& s) {
         s.tags->children = str("sunset");
         s.locations->children = dict({{"0", str("location-77")}});
@@ -675,7 +548,8 @@ std::vector<Case> catalogue() {
   // shared album tree is exported.
   yes("the sidebar root's children are not a list", [](Scene& s) { s.tree->children = str("tags"); },
       {.tags = "-", .locations = "-", .friends = "-"});
-  yes("sidebar items of other classes",
+  yes(
+      "sidebar items of other classes",
       [](Scene& s) {
         auto foreign_base = record({"MQFolder", "NSObject"}, {{"title", str("friends"), false},
                                                               {"identifier", str(kFolderFavFriendIdentifier), false},
@@ -690,7 +564,8 @@ std::vector<Case> catalogue() {
       {.tags = "tag:beach/2 tag:sunset/4 tag:plain/0", .friends = "-"});
   // An item whose flags are of the wrong kind is no folder: it is exported as an entry, which finds
   // no tag, while the entry inside it still counts as filed.
-  yes("a sidebar item whose flags and level are of the wrong kinds",
+  yes(
+      "a sidebar item whose flags and level are of the wrong kinds",
       [](Scene& s) {
         auto odd = record({"OutlineFolderItem", "NSObject"}, {{"title", str("Odd"), false},
                                                               {"identifier", str("folder-odd"), false},
@@ -703,91 +578,51 @@ std::vector<Case> catalogue() {
       },
       {.tags = "tag:beach/2 tag:plain/0"});
 
-  // Media records that cannot be read still become media dictionaries, of constants only.
+  // Media records that cannot be read still become media dictionaries, of constants only (those of a
+  // record without any); readable ones of the wrong shapes convert as the decoded record does. Our
+  // choice: a numeric "id" or "link" is cut by its decimal text.
   const std::string media_bytes = test::media_archive(*test::older_media("41_1001", "https://photos.example/p/EEE"));
+  const Ref<Dictionary> constants_only = convertedDictionaryFromArchive(nullptr, "none");
   for (const auto& [name, bytes] : std::vector<std::pair<std::string, std::optional<std::string>>>{
-           {"a media record without a dictionary", std::nullopt},
-           {"a media record of zero bytes", ""},
-           {"a media record of garbage", garbage(700, 4)},
-           {"a truncated media record", media_bytes.substr(0, media_bytes.size() / 2)},
-           {"a media record archiving a string", archive_root(str("media"))},
-           {"a media record archiving an array", archive_root(array({test::older_media("42_1001", "x")}).get())},
-           {"a media record archiving NSNull", archive_root(Null::shared().get())},
-           {"a media record that is an XML property list nested 300,000 deep", deep_xml(3 * kDeep)}})
-    yes(name, add_trip_media(bytes), second_trip_media(expect_constants_only));
-  yes("a media record whose caption is NSNull",
-      add_trip_media("43_1001", "https://photos.example/p/FFF", {{"caption", Null::shared()}}),
-      second_trip_media([](const Dictionary& media) {
-        EXPECT_EQ(text_of(media.get("pk")), "43");
-        EXPECT_EQ(media.get("taken_at"), nullptr);
-        const Dictionary* caption = as_dict(media.get("caption"));
-        ASSERT_NE(caption, nullptr);
-        EXPECT_EQ(caption->get("text"), nullptr);
-        EXPECT_EQ(caption->get("created_at"), nullptr);
-        EXPECT_EQ(text_of(caption->get("media_id")), "43");
-      }));
-  // Our choice: a numeric "id" or "link" is cut by its decimal text.
-  yes("a media record whose id is a number", add_trip_media("0", "https://photos.example/p/GGG", {{"id", num(12345)}}),
-      second_trip_media([](const Dictionary& media) {
-        EXPECT_EQ(int_of(media.get("id")), 12345);
-        EXPECT_EQ(text_of(media.get("pk")), "12345");
-        EXPECT_EQ(text_of(as_dict(media.get("caption"))->get("media_id")), "12345");
-      }));
-  yes("a media record whose link is a number", add_trip_media("44_1001", "", {{"link", num(987)}}),
-      second_trip_media([](const Dictionary& media) { EXPECT_EQ(text_of(media.get("code")), "987"); }));
-  yes("a media record whose nested values are of the wrong kinds",
-      add_trip_media("45_1001", "https://photos.example/p/HHH",
-                     {{"caption", str("a caption")},
-                      {"images", array({str("https://img.example/s.jpg")})},
-                      {"user", num(77)},
-                      {"likes", str("12")},
-                      {"comments", dict({{"count", dict({{"n", num(3)}})}})},
-                      {"videos", Null::shared()}}),
-      second_trip_media([](const Dictionary& media) {
-        EXPECT_EQ(int_of(media.get("media_type")), 2);  // a stored null under "videos" counts
-        EXPECT_EQ(media.get("like_count"), nullptr);
-        EXPECT_EQ(media.get("taken_at"), nullptr);
-        EXPECT_NE(as_dict(media.get("comment_count")), nullptr);  // copied as stored
-        EXPECT_EQ(as_dict(media.get("user"))->size(), 1u);
-        const Array* candidates = as_array(as_dict(media.get("image_versions2"))->get("candidates"));
-        ASSERT_EQ(candidates->size(), 2u);
-        EXPECT_EQ(as_dict(candidates->at(0).get())->get("url"), nullptr);
-      }));
-  yes("a media record whose like count is a list nested 100,000 deep",
-      add_trip_media("46_1001", "https://photos.example/p/III", {{"likes", dict({{"count", nested_list(kDeep)}})}}),
-      second_trip_media([](const Dictionary& media) {
-        int depth = 0;
-        const Object* at = media.get("like_count");
-        while (const Array* a = as_array(at)) {
-          ++depth;
-          if (a->size() != 1) break;
-          at = a->at(0).get();
-        }
-        EXPECT_EQ(depth, kDeep);
-        EXPECT_EQ(txt(at), "bottom");
-      }));
+           {"without a dictionary", std::nullopt},
+           {"of garbage", garbage(700, 4)},
+           {"that is truncated", media_bytes.substr(0, media_bytes.size() / 2)},
+           {"archiving an array", archive_root(array({test::older_media("42_1001", "x")}).get())},
+           {"that is an XML property list nested 300,000 deep", deep_xml(3 * kDeep)}})
+    yes("a media record " + name, add_trip_media(bytes), second_trip_media(constants_only, "nil nil nil"));
+  struct Media {
+    std::string name;
+    std::vector<std::pair<std::string, R>> changes;
+    std::string id_pk_code;
+  };
+  for (const Media& m : std::vector<Media>{
+           {"whose id is a number", {{"id", num(12345)}}, "12345 12345 HHH"},
+           {"whose link is a number", {{"link", num(987)}}, "45_1001 45 987"},
+           {"whose nested values are of the wrong kinds",
+            {{"caption", str("a caption")},
+             {"images", array({str("https://img.example/s.jpg")})},
+             {"user", num(77)},
+             {"likes", str("12")},
+             {"comments", dict({{"count", dict({{"n", num(3)}})}})},
+             {"videos", Null::shared()}},
+            "45_1001 45 HHH"},
+           {"whose like count is a list nested 100,000 deep",
+            {{"likes", dict({{"count", nested_list(kDeep)}})}},
+            "45_1001 45 HHH"}}) {
+    auto media = test::older_media("45_1001", "https://photos.example/p/HHH");
+    for (const auto& [key, value] : m.changes) media->set(key, value);
+    yes("a media record " + m.name, add_trip_media(test::media_archive(*media)),
+        second_trip_media(convertedDictionary(media.get()), m.id_pk_code));
+  }
 
   // The store. Our choice: a store that cannot be attached answers (NO, nil), like a missing one.
-  no("the store is truncated to half its size", rewrite(kStore, half), No::StoreRefused);
+  no("there is no store", [](Scene& s) { s.write(); fs::remove(s.home.store_file()); }, No::StoreRefused);
   no("the store is garbage", rewrite(kStore, garbage(64 * 1024, 5)), No::StoreRefused);
   no("the store has zero bytes", rewrite(kStore, ""), No::StoreRefused);
-  no(
-      "the store is an SQLite file without tables",
-      [](Scene& s) {
-        s.write();
-        fs::remove(s.home.store_file());
-        test::TestDb(s.home.store_file()).exec("PRAGMA user_version = 7");
-      },
-      No::StoreRefused);
-  no("the store has no Z_METADATA table", sql("DROP TABLE Z_METADATA"), No::StoreRefused);
   no("the store has no ZACCOUNT table", sql("DROP TABLE ZACCOUNT"), No::NoAccounts);
-  no("the store does not know the entity Account", sql("DELETE FROM Z_PRIMARYKEY WHERE Z_NAME = 'Account'"),
-     No::NoAccounts);
-  no("the store's ZACCOUNT was rebuilt without ZUID",
-     sql("CREATE TABLE ZACCOUNT_NEW ( Z_PK INTEGER PRIMARY KEY, Z_ENT INTEGER, Z_OPT INTEGER, ZNAME VARCHAR );"
-         "INSERT INTO ZACCOUNT_NEW SELECT Z_PK, Z_ENT, Z_OPT, ZNAME FROM ZACCOUNT;"
-         "DROP TABLE ZACCOUNT; ALTER TABLE ZACCOUNT_NEW RENAME TO ZACCOUNT;"),
-     No::NoAccounts);
+  no("the store holds no account", sql("DELETE FROM ZACCOUNT"), No::NoAccounts);
+  // Accounts without a user id are left out, which may leave an empty success.
+  yes("the store's accounts have no user ids", sql("UPDATE ZACCOUNT SET ZUID = NULL"), {.results = 0});
   yes("the store has no ZFRIEND table", sql("DROP TABLE ZFRIEND"), {.friends = ""});
   yes("the store has no ZIMAGEITEM table", sql("DROP TABLE ZIMAGEITEM"),
       {.albums = "Holidays[album:Trip(0)] album:Attic(0) album:Beach(0) album:Cellar(0)"});
@@ -829,14 +664,13 @@ std::vector<Case> catalogue() {
       },
       wal_reply());
   no(
-      "the store's folder is a file",
+      "a folder stands in place of the store",
       [](Scene& s) {
         s.write();
-        fs::remove_all(s.velmora());
-        test::write_file(s.velmora(), "Velmora");
+        fs::remove(s.home.store_file());
+        fs::create_directories(s.home.store_file());
       },
       No::StoreRefused);
-  no("a folder stands in place of the store", folder_in_place_of(kStore), No::StoreRefused);
   return c;
 }
 
@@ -886,6 +720,7 @@ void expect_reply(const Case& c, Scene& s, const service::ImportOutcome& outcome
   ASSERT_NE(results, nullptr);
   ASSERT_EQ(results->size(), yes.results);
   for (const Ref<Object>& r : results->items()) ASSERT_NE(dynamic_cast<const MQImporterNodeResult*>(r.get()), nullptr);
+  if (results->empty()) return;
   const MQImporterNodeResult& first = result_at(*results, 0);
   auto compare = [](const std::string& expected, const Object* field, const char* what) {
     if (expected != kAny) {
@@ -925,12 +760,20 @@ class QuietLog {
   ~QuietLog() { set_log_to_stderr(true); }
 };
 
-TEST(HostileInstallation, EveryCaseGetsItsReplyAndLeavesTheInstallationAsItWas) {
+// A handful of the cases go through the service started by a private bus as well: its reply must be
+// the direct one.
+const std::set<std::string> kThroughBus = {
+    "the store is locked by a writing process", "the store is garbage", "there is no store",
+    "the store's committed rows are only in a -wal left by a crash", "a sidebar folder lists its own ancestor",
+    "the store's accounts have no user ids", "no marker, every other key present",
+    "the preferences file is XML nested 300,000 deep"};
+
+TEST(HostileInstallation, EveryCaseGetsItsReplyDirectlyOrThroughTheBusAndLeavesTheInstallationAsItWas) {
+  QuietLog quiet;
   const std::vector<Case> cases = catalogue();
-  ASSERT_GE(cases.size(), 40u);
   std::set<std::string> names;
   for (const Case& c : cases) EXPECT_TRUE(names.insert(c.name).second) << "two cases named " << c.name;
-  QuietLog quiet;
+  for (const std::string& name : kThroughBus) EXPECT_EQ(names.count(name), 1u) << name;
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
     Heap heap;
@@ -942,39 +785,19 @@ TEST(HostileInstallation, EveryCaseGetsItsReplyAndLeavesTheInstallationAsItWas) 
     std::optional<service::ImportOutcome> outcome = import_within(s);
     ASSERT_TRUE(outcome) << "no reply within " << kRunLimit.count() << " s";
     expect_reply(c, *s, *outcome, log);
+    if (kThroughBus.count(c.name)) {
+      test::PrivateBusOptions options;
+      options.environment["HOME"] = s->home.home();
+      test::PrivateBus bus(options);
+      client::CallOptions call;
+      call.timeout = kRunLimit;
+      client::CallOutcome reply = client::find_importable_results(call);
+      ASSERT_EQ(reply.status, client::CallStatus::Replied) << reply.error << "\n" << bus.daemon_log();
+      EXPECT_EQ(reply.success, outcome->success);
+      EXPECT_EQ(reply.archive, outcome->archive);
+    }
     EXPECT_EQ(test::snapshot_tree(s->home.path()), before);
     EXPECT_EQ(stamps(s->home.path()), stamped);
-  }
-}
-
-TEST(HostileInstallation, ThroughAPrivateBusTheReplyIsTheDirectOne) {
-  const std::vector<Case> cases = catalogue();
-  QuietLog quiet;
-  for (const char* name :
-       {"the store is locked by a writing process", "the store is garbage",
-        "the store's committed rows are only in a -wal left by a crash", "a sidebar folder lists its own ancestor",
-        "the preferences file is truncated", "the preferences file is XML nested 300,000 deep"}) {
-    SCOPED_TRACE(name);
-    auto c = std::find_if(cases.begin(), cases.end(), [&](const Case& k) { return k.name == name; });
-    ASSERT_NE(c, cases.end());
-    Heap heap;
-    HeapScope scope(heap);
-    std::unique_ptr<Scene> s = build(*c);
-    const test::TreeSnapshot before = test::snapshot_tree(s->home.path());
-    std::optional<service::ImportOutcome> direct = import_within(s);
-    ASSERT_TRUE(direct) << "no direct reply within " << kRunLimit.count() << " s";
-    EXPECT_EQ(direct->success, std::holds_alternative<Yes>(c->reply));
-
-    test::PrivateBusOptions options;
-    options.environment["HOME"] = s->home.home();
-    test::PrivateBus bus(options);
-    client::CallOptions call;
-    call.timeout = kRunLimit;
-    client::CallOutcome reply = client::find_importable_results(call);
-    ASSERT_EQ(reply.status, client::CallStatus::Replied) << reply.error << "\n" << bus.daemon_log();
-    EXPECT_EQ(reply.success, direct->success);
-    EXPECT_EQ(reply.archive, direct->archive);
-    EXPECT_EQ(test::snapshot_tree(s->home.path()), before);
   }
 }
 

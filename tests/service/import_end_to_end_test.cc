@@ -1,12 +1,9 @@
-// The import end to end: the service activated by a private bus whose environment points HOME at a
-// small legacy installation, the reply archive read by our decoder and by GNUstep with client-side
-// classes, every failure answer, and the installation unchanged afterwards.
+// The import end to end on a small legacy installation: the reply archive read by our decoder and by
+// GNUstep with client-side classes, its bytes pinned, and the installation unchanged afterwards.
 #include <gtest/gtest.h>
 
-#include <atomic>
-#include <thread>
+#include <cstdio>
 
-#include "client/import_client.h"
 #include "legacy/core_data_wrapper.h"
 #include "outline/outline_folder_model.h"
 #include "platform/keyed_archive.h"
@@ -14,7 +11,6 @@
 #include "service/import_request.h"
 #include "support/gnustep_peer.h"
 #include "support/legacy_home.h"
-#include "support/private_bus.h"
 
 namespace orvia {
 namespace {
@@ -60,9 +56,19 @@ Ref<Array> decode_reply(const std::string& archive) {
   return root.ok() ? Ref<Array>(as_array(root.value().get())) : nullptr;
 }
 
-// What a result holds is checked over many installations by the hostile installation catalogue: here,
-// one result per account with a user id, and a real reply as the client reads it.
-TEST(ImportEndToEnd, DirectRunGivesOneResultPerAccountSharingOneAlbumTree) {
+// FNV-1a of the bytes, printed in hex.
+std::string digest(const std::string& bytes) {
+  std::uint64_t h = 1469598103934665603ull;
+  for (unsigned char c : bytes) h = (h ^ c) * 1099511628211ull;
+  char out[17];
+  std::snprintf(out, sizeof out, "%016llx", static_cast<unsigned long long>(h));
+  return out;
+}
+
+// What a result holds is checked over many installations, directly and through the bus, by the hostile
+// installation catalogue: here, one result per account with a user id, a real reply as the client
+// reads it, and the reply's bytes.
+TEST(ImportEndToEnd, DirectRunGivesOneResultPerAccountSharingOneAlbumTreeInPinnedBytes) {
   LegacyHome home;
   fill_two_accounts(home);
   const test::TreeSnapshot before = test::snapshot_tree(home.path());
@@ -88,83 +94,10 @@ TEST(ImportEndToEnd, DirectRunGivesOneResultPerAccountSharingOneAlbumTree) {
     EXPECT_EQ(test::json_text(theirs.value()), test::json_text(ours));
   }
   EXPECT_EQ(test::snapshot_tree(home.path()), before);
-}
 
-TEST(ImportEndToEnd, ThroughTheBusEveryInstallationGetsTheDirectReply) {
-  struct Case {
-    const char* name;
-    std::function<void(LegacyHome&)> make;
-    bool store;  // written (made empty when nothing was added), or left out
-    bool success;
-    std::size_t results;
-  };
-  const Case cases[] = {
-      {"two accounts with user ids", fill_two_accounts, true, true, 2},
-      {"accounts without user ids: an empty success",
-       [](LegacyHome& h) { h.store().add_account(std::nullopt, "anonymous"); }, true, true, 0},
-      {"no legacy installation", [](LegacyHome& h) { h.remove("FinishedStartScreen410x"); }, true, false, 0},
-      {"a store without accounts", [](LegacyHome& h) { h.store().add_album("lonely"); }, true, false, 0},
-      {"a store that is not SQLite",
-       [](LegacyHome& h) { test::write_file(h.store_file(), std::string(8192, 'x')); }, false, false, 0},
-      {"no store at all", [](LegacyHome&) {}, false, false, 0},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.name);
-    LegacyHome home;
-    c.make(home);
-    if (c.store) {
-      home.write();
-    } else {
-      home.write_preferences();
-    }
-    const test::TreeSnapshot before = test::snapshot_tree(home.path());
-    service::ImportOutcome direct = service::run_direct_import(home.home());
-    ASSERT_EQ(direct.success, c.success);
-    ASSERT_EQ(direct.archive.has_value(), c.success);  // a failure is answered (NO, nil)
-    if (c.success) {
-      Ref<Array> results = decode_reply(*direct.archive);
-      ASSERT_NE(results, nullptr);
-      EXPECT_EQ(results->size(), c.results);
-    }
-
-    test::PrivateBusOptions options;
-    options.environment["HOME"] = home.home();
-    test::PrivateBus bus(options);
-    // Two requests one after the other, then several clients at once: each answered once, alike.
-    auto same_as_direct = [&] {
-      client::CallOutcome reply = client::find_importable_results();
-      EXPECT_EQ(reply.status, client::CallStatus::Replied) << reply.error << "\n" << bus.daemon_log();
-      return reply.status == client::CallStatus::Replied && reply.success == direct.success &&
-             reply.archive == direct.archive;
-    };
-    EXPECT_TRUE(same_as_direct());
-    EXPECT_TRUE(same_as_direct());
-    std::atomic<int> same{0};
-    std::vector<std::thread> clients;
-    for (int i = 0; i < 4; ++i) clients.emplace_back([&] { same += same_as_direct(); });
-    for (auto& t : clients) t.join();
-    EXPECT_EQ(same.load(), 4);
-    EXPECT_EQ(test::snapshot_tree(home.path()), before);
-  }
-}
-
-// FNV-1a of the bytes, printed in hex.
-std::string digest(const std::string& bytes) {
-  std::uint64_t h = 1469598103934665603ull;
-  for (unsigned char c : bytes) h = (h ^ c) * 1099511628211ull;
-  char out[17];
-  std::snprintf(out, sizeof out, "%016llx", static_cast<unsigned long long>(h));
-  return out;
-}
-
-TEST(ImportEndToEnd, TheReplyForAFixedInstallationKeepsItsBytes) {
   // Optimisations must not change the reply: the archive of this installation is pinned. A change of
-  // the wire format on purpose updates the digest here, with the reason in the commit.
-  LegacyHome home;
-  fill_two_accounts(home);
-  service::ImportOutcome outcome = service::run_direct_import(home.home());
-  ASSERT_TRUE(outcome.archive);
-  // The statistics path holds the temporary home's name: mask it with as many bytes.
+  // the wire format on purpose updates the digest here, with the reason in the commit. The statistics
+  // path holds the temporary home's name: it is masked with as many bytes.
   std::string bytes = *outcome.archive;
   const std::string path = home.home();
   for (std::size_t at = bytes.find(path); at != std::string::npos; at = bytes.find(path, at))

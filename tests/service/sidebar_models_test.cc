@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -46,48 +47,41 @@ TEST(SidebarModelLoader, GivesWhatLoadingInTurnGives) {
   // Users in the run's order: "1004" has no stored tree, the last one is the shared albums'.
   const std::vector<std::string> users = {"1001", "1003", "1002", "1004", "1005", std::string(test::kSharedAlbumsUser)};
 
-  auto in_turn = [&] {
+  // Each model loaded in turn as the run would load it (no head start), or taken from the loader.
+  auto load = [&](std::optional<std::chrono::milliseconds> head_start) {
     Loaded out;
     Heap heap;
     HeapScope scope(heap);
     MQUserDefaultsWrapper::Snapshot snapshot(*defaults);
     LogCapture log;
+    std::optional<SidebarModelLoader> loader;
+    if (head_start) {
+      std::vector<SidebarModelLoader::Request> requests;
+      for (std::size_t i = 0; i < users.size(); ++i) requests.push_back({str(users[i]), i + 1 < users.size()});
+      loader.emplace(std::move(requests), defaults);
+      std::this_thread::sleep_for(*head_start);
+      EXPECT_TRUE(log.lines().empty()) << "lines of models not taken yet are held";
+    }
     for (std::size_t i = 0; i < users.size(); ++i) {
-      Ref<OutlineFolderModel> model = OutlineFolderModel::initWithExistingUser(users[i], false, defaults);
-      if (i + 1 < users.size()) NSLog("%@", model->identifiers());
+      Ref<OutlineFolderModel> model = loader ? loader->take(i) : nullptr;
+      if (!loader) {
+        model = OutlineFolderModel::initWithExistingUser(users[i], false, defaults);
+        if (i + 1 < users.size()) NSLog("%@", model->identifiers());
+      }
       NSLog("exported %@", users[i]);  // what the run logs between two models
       out.identifiers.push_back(description(model->identifiers().get()));
     }
     out.log = log.lines();
     return out;
   };
-  auto ahead = [&](std::chrono::milliseconds head_start) {
-    Loaded out;
-    Heap heap;
-    HeapScope scope(heap);
-    MQUserDefaultsWrapper::Snapshot snapshot(*defaults);
-    LogCapture log;
-    std::vector<SidebarModelLoader::Request> requests;
-    for (std::size_t i = 0; i < users.size(); ++i) requests.push_back({str(users[i]), i + 1 < users.size()});
-    SidebarModelLoader loader(std::move(requests), defaults);
-    std::this_thread::sleep_for(head_start);
-    EXPECT_TRUE(log.lines().empty()) << "lines of models not taken yet are held";
-    for (std::size_t i = 0; i < users.size(); ++i) {
-      Ref<OutlineFolderModel> model = loader.take(i);
-      NSLog("exported %@", users[i]);
-      out.identifiers.push_back(description(model->identifiers().get()));
-    }
-    out.log = log.lines();
-    return out;
-  };
 
-  const Loaded expected = in_turn();
+  const Loaded expected = load(std::nullopt);
   ASSERT_EQ(expected.log.size(), 12u);
   EXPECT_EQ(expected.log[2], "undecodable folder structure for 1003");
   // Taken at once (the run loads the first ones itself) and taken after the helper has loaded them all.
   for (auto head_start : {std::chrono::milliseconds(0), std::chrono::milliseconds(300)}) {
     SCOPED_TRACE(head_start.count());
-    const Loaded got = ahead(head_start);
+    const Loaded got = load(head_start);
     EXPECT_EQ(got.log, expected.log);
     EXPECT_EQ(got.identifiers, expected.identifiers);
   }
