@@ -34,13 +34,9 @@ class TestDb {
     if (sqlite3_open(path.c_str(), &db_) != SQLITE_OK) ADD_FAILURE() << "cannot open " << path;
     sqlite3_exec(db_, "PRAGMA synchronous=OFF", nullptr, nullptr, nullptr);  // test files need no durability
   }
-  ~TestDb() { close(); }
+  ~TestDb() { sqlite3_close_v2(db_); }
   TestDb(const TestDb&) = delete;
   TestDb& operator=(const TestDb&) = delete;
-  void close() {
-    if (db_) sqlite3_close_v2(db_);
-    db_ = nullptr;
-  }
   sqlite3* get() const { return db_; }
   bool exec(const std::string& sql) {
     char* err = nullptr;
@@ -219,11 +215,9 @@ class LockHolder {
     if (!held_) ADD_FAILURE() << "lock holder did not take its lock:\n" << seen;
   }
   ~LockHolder() {
+    int status;
     if (to_child_ >= 0) ::close(to_child_);
-    if (pid_ > 0) {
-      int status;
-      ::waitpid(pid_, &status, 0);
-    }
+    if (pid_ > 0) ::waitpid(pid_, &status, 0);
     if (from_child_ >= 0) ::close(from_child_);
   }
   bool held() const { return held_; }

@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <functional>
 
 #include "platform/bplist_format.h"
@@ -93,104 +94,75 @@ TEST(MediaConversion, MapsACompleteRecordKeyForKey) {
   EXPECT_NE(convertedDictionary(stored.get()).get(), out.get());
 }
 
-struct EdgeCase {
-  const char* name;
-  std::function<void(Dictionary& stored)> change;
-  std::function<void(const Dictionary& out)> check;
-};
-
-const Dictionary& sub(const Dictionary& d, const char* key) {
-  static const Ref<Dictionary> empty = dict({});
-  const Dictionary* s = as_dict(d.get(key));
-  return s ? *s : *empty;
+// The entries at the given key paths of a conversion ("caption.text" reaches into the caption, "#" is
+// the number of entries), as one line of "path=shape" items.
+std::string pick(const Dictionary& out, std::string_view paths) {
+  std::string line;
+  for (std::size_t from = 0; from < paths.size();) {
+    const std::size_t end = std::min(paths.find(' ', from), paths.size());
+    const std::string path(paths.substr(from, end - from));
+    from = end + 1;
+    std::string value = std::to_string(out.size());
+    if (path != "#") {
+      const Object* at = &out;
+      for (std::size_t part = 0; at && part <= path.size();) {
+        const std::size_t dot = std::min(path.find('.', part), path.size());
+        at = as_dict(at) ? as_dict(at)->get(path.substr(part, dot - part)) : nullptr;
+        part = dot + 1;
+      }
+      value = shape(at);
+    }
+    line += (line.empty() ? "" : " ") + path + "=" + value;
+  }
+  return line;
 }
 
 TEST(MediaConversion, HandlesIncompleteAndOddRecords) {
-  const std::vector<EdgeCase> cases = {
-      {"id without _", [](Dictionary& s) { s.set("id", str("789")); },
-       [](const Dictionary& o) {
-         EXPECT_EQ(text_of(o.get("pk")), "789");
-         EXPECT_EQ(text_of(sub(o, "caption").get("media_id")), "789");
-       }},
-      {"id with two _", [](Dictionary& s) { s.set("id", str("1_2_3")); },
-       [](const Dictionary& o) { EXPECT_EQ(text_of(o.get("pk")), "1"); }},
-      {"id starting with _", [](Dictionary& s) { s.set("id", str("_9")); },
-       [](const Dictionary& o) { EXPECT_EQ(shape(o.get("pk")), "\"\""); }},
-      {"link ending in /", [](Dictionary& s) { s.set("link", str("https://photos.example/p/BAbCdEf/")); },
-       [](const Dictionary& o) { EXPECT_EQ(shape(o.get("code")), "\"\""); }},
-      {"link without /", [](Dictionary& s) { s.set("link", str("BAbCdEf")); },
-       [](const Dictionary& o) { EXPECT_EQ(text_of(o.get("code")), "BAbCdEf"); }},
-      {"videos", [](Dictionary& s) { s.set("videos", dict({{"standard_resolution", dict({})}})); },
-       [](const Dictionary& o) { EXPECT_EQ(shape(o.get("media_type")), "2"); }},
-      {"videos stored as null", [](Dictionary& s) { s.set("videos", Null::shared()); },
-       [](const Dictionary& o) { EXPECT_EQ(shape(o.get("media_type")), "2"); }},
+  struct Case {
+    const char* name;
+    std::function<void(Dictionary& stored)> change;
+    const char* paths;
+    std::string expected;
+  };
+  const Ref<Object> null = Null::shared();
+  auto set = [](const char* key, Ref<Object> v) { return [key, v](Dictionary& s) { s.set(key, v); }; };
+  const std::vector<Case> cases = {
+      {"id without _", set("id", str("789")), "pk caption.media_id", R"(pk="789" caption.media_id="789")"},
+      {"id with two _", set("id", str("1_2_3")), "pk", R"(pk="1")"},
+      {"id starting with _", set("id", str("_9")), "pk", R"(pk="")"},
+      {"link ending in /", set("link", str("https://photos.example/p/BAbCdEf/")), "code", R"(code="")"},
+      {"link without /", set("link", str("BAbCdEf")), "code", R"(code="BAbCdEf")"},
+      {"videos", set("videos", dict({{"standard_resolution", dict({})}})), "media_type", "media_type=2"},
+      {"videos stored as null", set("videos", null), "media_type", "media_type=2"},
       {"no likes, comments or user_has_liked",
        [](Dictionary& s) {
-         s.remove("likes");
-         s.remove("comments");
-         s.remove("user_has_liked");
+         for (const char* key : {"likes", "comments", "user_has_liked"}) s.remove(key);
        },
-       [](const Dictionary& o) {
-         EXPECT_FALSE(o.get("like_count"));
-         EXPECT_FALSE(o.get("comment_count"));
-         EXPECT_FALSE(o.get("has_liked"));
-         EXPECT_EQ(o.size(), 21u);
-       }},
-      {"user_has_liked stored as null", [](Dictionary& s) { s.set("user_has_liked", Null::shared()); },
-       [](const Dictionary& o) { EXPECT_TRUE(is_null(o.get("has_liked"))); }},
-      {"no caption", [](Dictionary& s) { s.remove("caption"); },
-       [](const Dictionary& o) {
-         EXPECT_FALSE(o.get("taken_at"));
-         EXPECT_FALSE(o.get("device_timestamp"));
-         EXPECT_EQ(shape(&sub(o, "caption")),
-                   R"({type: 1, content_type: "comment", status: "Active", bit_flags: 0, user: )" + kUser +
-                       R"(, did_report_as_spam: NO, media_id: "123", caption_is_edited: NO})");
-       }},
-      {"caption stored as null", [](Dictionary& s) { s.set("caption", Null::shared()); },
-       [](const Dictionary& o) {
-         EXPECT_FALSE(o.get("taken_at"));
-         EXPECT_FALSE(sub(o, "caption").get("text"));
-         EXPECT_EQ(sub(o, "caption").get("user"), o.get("user"));
-       }},
+       "like_count comment_count has_liked #", "like_count=nil comment_count=nil has_liked=nil #=21"},
+      {"user_has_liked stored as null", set("user_has_liked", null), "has_liked", "has_liked=null"},
+      {"no caption", [](Dictionary& s) { s.remove("caption"); }, "taken_at device_timestamp caption",
+       R"(taken_at=nil device_timestamp=nil caption={type: 1, content_type: "comment", status: "Active", )"
+       R"(bit_flags: 0, user: )" + kUser + R"(, did_report_as_spam: NO, media_id: "123", caption_is_edited: NO})"},
+      {"caption stored as null", set("caption", null), "taken_at caption.text caption.user",
+       "taken_at=nil caption.text=nil caption.user=" + kUser},
       {"caption.from is a text", [](Dictionary& s) { as_dict(s.get("caption"))->set("from", str("456")); },
-       [](const Dictionary& o) {
-         EXPECT_FALSE(sub(o, "caption").get("user_id"));
-         EXPECT_EQ(text_of(sub(o, "caption").get("text")), "hello");
-       }},
-      {"user stored as null", [](Dictionary& s) { s.set("user", Null::shared()); },
-       [](const Dictionary& o) { EXPECT_EQ(shape(o.get("user")), "{is_private: NO}"); }},
+       "caption.user_id caption.text", R"(caption.user_id=nil caption.text="hello")"},
+      {"user stored as null", set("user", null), "user", "user={is_private: NO}"},
       {"no low resolution image", [](Dictionary& s) { as_dict(s.get("images"))->remove("low_resolution"); },
-       [](const Dictionary& o) {
-         EXPECT_EQ(shape(o.get("image_versions2")),
-                   R"({candidates: [{width: 640, height: 640, url: "https://s/640.jpg"}, {width: 320, height: 320}]})");
-       }},
-      {"no id", [](Dictionary& s) { s.remove("id"); },
-       [](const Dictionary& o) {
-         EXPECT_FALSE(o.get("id"));
-         EXPECT_FALSE(o.get("pk"));
-         EXPECT_FALSE(sub(o, "caption").get("media_id"));
-       }},
-      {"numeric id", [](Dictionary& s) { s.set("id", num(123)); },
-       [](const Dictionary& o) {
-         EXPECT_EQ(shape(o.get("id")), "123");  // copied as stored
-         EXPECT_EQ(shape(o.get("pk")), "\"123\"");
-       }},
-      {"id that is a dictionary", [](Dictionary& s) { s.set("id", dict({{"a", str("1_2")}})); },
-       [](const Dictionary& o) {
-         EXPECT_TRUE(as_dict(o.get("id")));
-         EXPECT_FALSE(o.get("pk"));
-         EXPECT_FALSE(sub(o, "caption").get("media_id"));
-       }},
-      {"link stored as null", [](Dictionary& s) { s.set("link", Null::shared()); },
-       [](const Dictionary& o) { EXPECT_FALSE(o.get("code")); }},
+       "image_versions2",
+       R"(image_versions2={candidates: [{width: 640, height: 640, url: "https://s/640.jpg"}, {width: 320, height: 320}]})"},
+      {"no id", [](Dictionary& s) { s.remove("id"); }, "id pk caption.media_id", "id=nil pk=nil caption.media_id=nil"},
+      {"numeric id", set("id", num(123)), "id pk", R"(id=123 pk="123")"},  // copied as stored, cut as its text
+      {"id that is a dictionary", set("id", dict({{"a", str("1_2")}})), "id pk caption.media_id",
+       R"(id={a: "1_2"} pk=nil caption.media_id=nil)"},
+      {"link stored as null", set("link", null), "code", "code=nil"},
   };
   for (const auto& c : cases) {
-    SCOPED_TRACE(c.name);
     Ref<Dictionary> stored = full_record();
     c.change(*stored);
     Ref<Dictionary> out = convertedDictionary(stored.get());
-    c.check(*out);
-    EXPECT_EQ(shape(out->get("converted_from_orvia4")), "YES");
+    EXPECT_EQ(pick(*out, std::string(c.paths) + " converted_from_orvia4"), c.expected + " converted_from_orvia4=YES")
+        << c.name;
   }
 }
 
@@ -314,106 +286,81 @@ TEST(MediaConversion, ReadingOnlyTheTakenValuesConvertsExactlyAsDecodingWhole) {
   };
   // A record in the usual shape; `shape` may change it before it is written. Padded, its root gets
   // filler entries at the end, enough for its keys to be looked up through an index.
+  using Root = std::vector<std::pair<std::uint64_t, std::uint64_t>>;
+  using Shape = std::function<void(Sketch&, std::uint64_t dict_class, Root& root)>;
   bool padded = false;
-  auto record = [&padded](const std::function<void(Sketch&, std::uint64_t dict_class, std::vector<std::pair<std::uint64_t, std::uint64_t>>& root)>& shape) {
-    Sketch s;
-    const std::uint64_t dict_class = s.class_record("NSDictionary");
-    const std::uint64_t user = s.dictionary(dict_class, {{s.string("id"), s.string("456")}, {s.string("username"), s.string("ann")}});
-    const std::uint64_t caption =
-        s.dictionary(dict_class, {{s.string("text"), s.string("hello")}, {s.string("created_time"), s.string("1400000000")},
-                                  {s.string("from"), user}});  // the caption's author is the very same record
-    std::vector<std::pair<std::uint64_t, std::uint64_t>> root = {
-        {s.string("id"), s.string("1_2")}, {s.string("link"), s.string("https://l/AbC")}, {s.string("user"), user},
-        {s.string("caption"), caption}, {s.string("user_has_liked"), s.boolean_value(false)}};
-    shape(s, dict_class, root);
-    for (int i = 0; padded && i < 8; ++i) root.push_back({s.string("filler " + std::to_string(i)), s.string("f")});
-    return s.bytes(s.dictionary(dict_class, root));
+  auto record = [&padded](Shape shape) -> std::function<std::string()> {
+    return [&padded, shape] {
+      Sketch s;
+      const std::uint64_t dict_class = s.class_record("NSDictionary");
+      const std::uint64_t user =
+          s.dictionary(dict_class, {{s.string("id"), s.string("456")}, {s.string("username"), s.string("ann")}});
+      const std::uint64_t caption =
+          s.dictionary(dict_class, {{s.string("text"), s.string("hello")},
+                                    {s.string("created_time"), s.string("1400000000")},
+                                    {s.string("from"), user}});  // the caption's author is the very same record
+      Root root = {{s.string("id"), s.string("1_2")}, {s.string("link"), s.string("https://l/AbC")},
+                   {s.string("user"), user}, {s.string("caption"), caption},
+                   {s.string("user_has_liked"), s.boolean_value(false)}};
+      if (shape) shape(s, dict_class, root);
+      for (int i = 0; padded && i < 8; ++i) root.push_back({s.string("filler " + std::to_string(i)), s.string("f")});
+      return s.bytes(s.dictionary(dict_class, root));
+    };
   };
-  auto plain = [](Sketch&, std::uint64_t, std::vector<std::pair<std::uint64_t, std::uint64_t>>&) {};
+  // A record of class `cls` (none: without $class) with at most one text field, put into the root under
+  // `key` ("": as the root's first key; nullptr: nowhere).
+  auto one_record = [](const char* cls, const char* field, const char* text, const char* key) -> Shape {
+    return [=](Sketch& s, std::uint64_t, Root& root) {
+      const std::uint64_t c = cls ? s.class_record(cls) : 0, o = s.slot();
+      std::vector<std::pair<std::string, std::uint64_t>> fields;
+      if (field) fields.push_back({field, s.string(text)});
+      s.record(o, c, {}, fields);
+      if (key && *key) root.push_back({s.string(key), o});
+      if (key && !*key) root.insert(root.begin(), {o, s.string("first")});
+    };
+  };
   const std::vector<Case> cases = {
       {"archived by our archiver", Reads, [] { return archive_root(full_record().get()); }},
-      {"shared records", Reads, [&] { return record(plain); }},
-      {"a null slot before the same key", Reads,
-       [&] {
-         return record([](Sketch& s, std::uint64_t, auto& root) {
-           root.insert(root.begin(), {s.string("id"), s.string("$null")});
-           root.insert(root.begin(), {s.string("link"), 0});
-         });
-       }},
+      {"shared records", Reads, record(nullptr)},
+      {"a null slot before the same key", Reads, record([](Sketch& s, std::uint64_t, Root& root) {
+         root.insert(root.begin(), {s.string("id"), s.string("$null")});
+         root.insert(root.begin(), {s.string("link"), 0});
+       })},
       {"a byte beyond ASCII in ASCII-marked strings: values taken, and a key", Reads,
-       [&] {
-         std::string b = record([](Sketch& s, std::uint64_t, auto& root) {
-           root[0].second = s.string("7#_8");
-           root.insert(root.begin(), {s.string("id#"), s.string("9_9")});
-           root[1].second = s.string("https://l/#");  // the link, whose end becomes the code
-         });
+       [make = record([](Sketch& s, std::uint64_t, Root& root) {
+          root[0].second = s.string("7#_8");
+          root.insert(root.begin(), {s.string("id#"), s.string("9_9")});
+          root[1].second = s.string("https://l/#");  // the link, whose end becomes the code
+        })] {
+         std::string b = make();
          for (std::string_view marked : {"7#_8", "id#", "https://l/#"}) {  // '#' becomes a Latin-1 e-acute
            const std::size_t at = b.find(marked);
-           if (at == std::string::npos) {
-             ADD_FAILURE() << marked;
-             continue;
-           }
-           b[at + marked.find('#')] = '\xe9';
+           if (at == std::string::npos) ADD_FAILURE() << marked;
+           else b[at + marked.find('#')] = '\xe9';
          }
          return b;
        }},
       {"the same key twice: the first counts", Reads,
-       [&] {
-         return record([](Sketch& s, std::uint64_t, auto& root) { root.insert(root.begin(), {s.string("id"), s.string("7_8")}); });
-       }},
-      {"NSNull and a number as values", Reads,
-       [&] {
-         return record([](Sketch& s, std::uint64_t, auto& root) {
-           const std::uint64_t null_class = s.class_record("NSNull");
-           const std::uint64_t null_object = s.slot();
-           s.record(null_object, null_class, {});
-           root.push_back({s.string("videos"), null_object});
-           root.push_back({s.string("likes"), s.integer(7)});  // not a dictionary: no like count
-         });
-       }},
-      {"keys without values and the null object as key", Reads,
-       [&] {
-         return record([](Sketch& s, std::uint64_t dict_class, auto& root) {
-           const std::uint64_t extra = s.slot();
-           s.record(extra, dict_class, {{"NS.keys", {s.string("count"), s.string("x")}}, {"NS.objects", {s.integer(3)}}});
-           root.push_back({s.string("comments"), extra});
-           root.push_back({s.null_object(), s.string("ignored")});
-         });
-       }},
+       record([](Sketch& s, std::uint64_t, Root& root) { root.insert(root.begin(), {s.string("id"), s.string("7_8")}); })},
+      {"NSNull and a number as values", Reads, record([one_record](Sketch& s, std::uint64_t d, Root& root) {
+         one_record("NSNull", nullptr, nullptr, "videos")(s, d, root);
+         root.push_back({s.string("likes"), s.integer(7)});  // not a dictionary: no like count
+       })},
+      {"keys without values and the null object as key", Reads, record([](Sketch& s, std::uint64_t dict_class, Root& root) {
+         const std::uint64_t extra = s.slot();
+         s.record(extra, dict_class, {{"NS.keys", {s.string("count"), s.string("x")}}, {"NS.objects", {s.integer(3)}}});
+         root.push_back({s.string("comments"), extra});
+         root.push_back({s.null_object(), s.string("ignored")});
+       })},
       {"a cycle through the id (left to decoding whole: not a plain value)", Declines,
-       [&] {
-         return record([](Sketch& s, std::uint64_t, auto& root) {
-           const std::uint64_t array_class = s.class_record("NSMutableArray");
-           const std::uint64_t list = s.slot();
-           root[0].second = list;
-           s.record(list, array_class, {{"NS.objects", {list, s.string("x")}}});
-         });
-       }},
-      {"a string record as key", Declines,
-       [&] {
-         return record([](Sketch& s, std::uint64_t, auto& root) {
-           const std::uint64_t string_class = s.class_record("NSMutableString");
-           const std::uint64_t key = s.slot();
-           s.record(key, string_class, {}, {{"NS.string", s.string("id")}});
-           root.insert(root.begin(), {key, s.string("first")});
-         });
-       }},
-      {"a record of another class", Declines,
-       [&] {
-         return record([](Sketch& s, std::uint64_t, auto& root) {
-           const std::uint64_t other = s.class_record("SomethingElse");
-           const std::uint64_t o = s.slot();
-           s.record(o, other, {}, {{"name", s.string("x")}});
-           root.push_back({s.string("attribution"), o});
-         });
-       }},
-      {"a damaged entry nobody reaches", Declines,
-       [&] {
-         return record([](Sketch& s, std::uint64_t, auto&) {
-           const std::uint64_t o = s.slot();
-           s.record(o, 0, {}, {{"name", s.string("no class")}});
-         });
-       }},
+       record([](Sketch& s, std::uint64_t, Root& root) {
+         const std::uint64_t array_class = s.class_record("NSMutableArray"), list = s.slot();
+         root[0].second = list;
+         s.record(list, array_class, {{"NS.objects", {list, s.string("x")}}});
+       })},
+      {"a string record as key", Declines, record(one_record("NSMutableString", "NS.string", "id", ""))},
+      {"a record of another class", Declines, record(one_record("SomethingElse", "name", "x", "attribution"))},
+      {"a damaged entry nobody reaches", Declines, record(one_record(nullptr, "name", "no class", nullptr))},
       {"a root that is not a dictionary", Declines,
        [] {
          Sketch s;
