@@ -26,18 +26,16 @@ std::string pattern(std::size_t size) {
   return s;
 }
 
-struct Case {
-  const char* name;
-  std::vector<std::size_t> pieces;  // sizes, handed over in this order
-  bool page_aligned;                // whether each piece starts on a page of its own (else one byte in)
-  bool direct;
-};
-
 // Every way pieces can meet the staging buffer: none, small ones, ones spanning several stagings, page
 // aligned ones that go out from the caller's memory (whole, or after staged bytes), and a file end in
 // the middle of a block, which a direct write pads and cuts back.
 TEST(FileWriter, WritesExactlyTheBytesHandedOverWhateverTheirSizesAndAlignment) {
-  const std::vector<Case> cases = {
+  const struct {
+    const char* name;
+    std::vector<std::size_t> pieces;  // sizes, handed over in this order
+    bool page_aligned;                // whether each piece starts on a page of its own (else one byte in)
+    bool direct;
+  } cases[] = {
       {"nothing", {}, false, true},
       {"one small piece", {100}, false, true},
       {"unaligned pieces over three stagings", {5 * kMiB + 3, 7 * kMiB, 1, 4 * kMiB + 12345}, false, true},
@@ -48,7 +46,7 @@ TEST(FileWriter, WritesExactlyTheBytesHandedOverWhateverTheirSizesAndAlignment) 
   };
   test::TempDir dir;
   const std::string path = (dir / "out").string();
-  for (const Case& c : cases) {
+  for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
     test::write_file(path, std::string(20 * kMiB, 'x'));  // longer than any case: emptied first
     std::string expected;
@@ -56,38 +54,33 @@ TEST(FileWriter, WritesExactlyTheBytesHandedOverWhateverTheirSizesAndAlignment) 
     ASSERT_TRUE(out.open(path, c.direct).ok()) << out.error();
     for (std::size_t size : c.pieces) {
       const std::string bytes = pattern(expected.size() + size).substr(expected.size());
-      // A page-aligned copy of the piece, or one starting a byte into a page.
       std::unique_ptr<char, decltype(&std::free)> block(
-          static_cast<char*>(std::aligned_alloc(FileWriter::kAlign, (size + 1 + FileWriter::kAlign) / FileWriter::kAlign * FileWriter::kAlign)),
+          static_cast<char*>(std::aligned_alloc(FileWriter::kAlign, (size / FileWriter::kAlign + 2) * FileWriter::kAlign)),
           &std::free);
-      char* at = block.get() + (c.page_aligned ? 0 : 1);
-      std::copy(bytes.begin(), bytes.end(), at);
+      char* at = std::copy(bytes.begin(), bytes.end(), block.get() + (c.page_aligned ? 0 : 1)) - size;
       ASSERT_TRUE(out.write(std::string_view(at, size))) << out.error();
       expected += bytes;
     }
     auto closed = out.close();
     ASSERT_TRUE(closed.ok()) << closed.error().message;
-    EXPECT_EQ(std::filesystem::file_size(path), expected.size());
     EXPECT_TRUE(test::read_file(path) == expected);
   }
 }
 
 TEST(FileWriter, WritesToAMemoryFileSystemAndAPipeAndReportsFailures) {
+  const std::string bytes = pattern(3 * kMiB + 5);
   // Older kernels refuse direct I/O on a memory file system: the same bytes then go through the page cache.
+  const std::string shm = "/dev/shm/orvia-file-writer-test-" + std::to_string(::getpid());
   if (std::filesystem::is_directory("/dev/shm")) {
-    const std::string path = "/dev/shm/orvia-file-writer-test-" + std::to_string(::getpid());
-    const std::string bytes = pattern(3 * kMiB + 5);
     FileWriter out;
-    ASSERT_TRUE(out.open(path).ok()) << out.error();
-    EXPECT_TRUE(out.write(bytes));
-    EXPECT_TRUE(out.close().ok());
-    EXPECT_TRUE(test::read_file(path) == bytes);
-    std::filesystem::remove(path);
+    ASSERT_TRUE(out.open(shm).ok()) << out.error();
+    EXPECT_TRUE(out.write(bytes) && out.close().ok());
+    EXPECT_TRUE(test::read_file(shm) == bytes);
+    std::filesystem::remove(shm);
   }
   // A pipe (as /dev/stdout may be) gets the bytes as they are, without padding.
   int fds[2];
   ASSERT_EQ(::pipe(fds), 0);
-  const std::string bytes = pattern(3 * kMiB + 5);
   std::string received;
   std::thread reader([&] {
     char buf[65536];
@@ -97,9 +90,7 @@ TEST(FileWriter, WritesToAMemoryFileSystemAndAPipeAndReportsFailures) {
     FileWriter out;
     EXPECT_TRUE(out.open("/proc/self/fd/" + std::to_string(fds[1])).ok()) << out.error();
     ::close(fds[1]);
-    EXPECT_TRUE(out.write(bytes));
-    auto closed = out.close();
-    EXPECT_TRUE(closed.ok()) << closed.error().message;
+    EXPECT_TRUE(out.write(bytes) && out.close().ok());
   }
   reader.join();
   ::close(fds[0]);
