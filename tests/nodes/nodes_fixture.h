@@ -2,6 +2,7 @@
 // made as the import run makes them, and short readers of what the builders left behind.
 #pragma once
 
+#include <fmt/format.h>
 #include <gtest/gtest.h>
 
 #include <string>
@@ -92,10 +93,41 @@ inline std::string label(const MQImporterNode* n) {
   return "?";
 }
 
-// Labels of a folder node's children, for order checks.
-inline std::vector<std::string> child_labels(const MQImporterNodeFolder& folder) {
-  std::vector<std::string> out;
-  for (MQImporterNode* n : nodes_of(folder.children.get())) out.push_back(label(n));
+// A leaf node as one text with all its fields (absent ones empty), "-" for no node:
+// "tag:sunset/5", "loc:My spot@location-123(1.5,-2.25)", "album:Beach", "friend:carol/31/42/1000.5/<image>";
+// " (type N)" follows when the node's type does not match its class, " root" or " ignored" its flags.
+inline std::string node_text(const MQImporterNode* n) {
+  if (!n) return "-";
+  auto num = [](const Ref<Object>& o) {
+    if (const Date* d = as_date(o.get())) return fmt::format("{}", d->time());
+    return o ? (as_number(o.get()) ? fmt::format("{}", as_number(o.get())->real_value()) : "?") : std::string();
+  };
+  auto txt = [](const Ref<Object>& o) { return std::string(text_of(o.get())); };
+  std::string s;
+  std::uint64_t type = MQImporterNodeTypeFolder;
+  if (auto* t = dynamic_cast<const MQImporterNodeTag*>(n)) {
+    s = "tag:" + txt(t->tagName) + "/" + std::to_string(t->tagCount), type = MQImporterNodeTypeTag;
+  } else if (auto* l = dynamic_cast<const MQImporterNodeLocation*>(n)) {
+    s = "loc:" + txt(l->name) + "@" + txt(l->identifier) + "(" + num(l->latitude) + "," + num(l->longitude) + ")";
+    type = MQImporterNodeTypeLocation;
+  } else if (auto* a = dynamic_cast<const MQImporterNodeAlbum*>(n)) {
+    s = "album:" + txt(a->albumName), type = MQImporterNodeTypeAlbum;
+  } else if (auto* f = dynamic_cast<const MQImporterNodeFriend*>(n)) {
+    s = "friend:" + txt(f->username) + "/" + txt(f->uid) + "/" + std::to_string(f->mediaCount) + "/" + num(f->added) +
+        "/" + txt(f->imageURLString);
+    type = MQImporterNodeTypeFriend;
+  } else {
+    s = n->class_name();
+  }
+  if (n->type != type) s += " (type " + std::to_string(n->type) + ")";
+  return s + (n->isRoot ? " root" : "") + (n->ignoreInExport ? " ignored" : "");
+}
+inline std::string node_text(const Ref<MQImporterNode>& n) { return node_text(n.get()); }
+
+// The nodes of a list as node_text, separated by spaces.
+inline std::string list_text(const Object* list) {
+  std::string out;
+  for (MQImporterNode* n : nodes_of(list)) out += (out.empty() ? "" : " ") + node_text(n);
   return out;
 }
 

@@ -23,19 +23,12 @@ Ref<Data> gnustep_archive(const Ref<OutlineFolderItem>& root, ArchiveFormat form
   return bytes.ok() ? make<Data>(*bytes) : nullptr;
 }
 
-std::vector<std::string> model_summary(const OutlineFolderModel& model) {
-  std::vector<std::string> out;
-  for (const std::string& id : sorted_identifiers(model)) out.push_back(id + " = " + summary(model.itemForIdentifier(id).get()));
-  return out;
-}
-
 // A user tree with a few more entries, so that every kind of item shows.
 Ref<OutlineFolderItem> richer_user_tree() {
   Ref<OutlineFolderItem> root = stored_user_tree();
-  OutlineFolderItem* seaside = root->childItems()[2]->childItems()[1];
-  auto rocks = attach(Ref(seaside), folder("Rocks", "folder-R", str(kTags), 2, false));
-  for (int i = 0; i < 20; ++i) attach(rocks, leaf("rock " + std::to_string(i), "favtag-rock" + std::to_string(i), kTags, 3));
-  attach(Ref(root->childItems()[3]), leaf("Ünïcödé ✓", "location-99", kLocations, 1));
+  auto rocks = add_folder(*root->childItems()[2]->childItems()[1], "Rocks", "folder-R");
+  for (int i = 0; i < 20; ++i) add_entry(*rocks, "rock " + std::to_string(i), "favtag-rock" + std::to_string(i));
+  add_entry(*root->childItems()[3], "Ünïcödé ✓", "location-99");
   return root;
 }
 

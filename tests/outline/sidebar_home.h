@@ -5,28 +5,29 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <filesystem>
 #include <string>
 #include <string_view>
 #include <vector>
 
-#include "legacy/user_defaults_wrapper.h"
 #include "outline/outline_folder_item.h"
 #include "outline/outline_folder_model.h"
 #include "platform/keyed_archive.h"
 #include "platform/plist.h"
 #include "platform/value.h"
-#include "support/support.h"
+#include "support/legacy_home.h"
 
 namespace orvia::sidebar {
 
-inline constexpr std::string_view kBundle = "com.brenvik.velmora";
+using test::add_base_folder;
+using test::add_entry;
+using test::add_folder;
 inline constexpr std::string_view kUser = "1234";
 inline constexpr std::string_view kFav = kFolderFavFriendIdentifier;
 inline constexpr std::string_view kAlbums = kFolderAlbumsIdentifier;
 inline constexpr std::string_view kTags = kFolderTagsIdentifier;
 inline constexpr std::string_view kLocations = kFolderLocationsIdentifier;
 
+// Items standing alone (no parent link, in no list), for trees built by hand.
 inline Ref<OutlineFolderItem> folder(std::string_view title, std::string_view id, Ref<Object> type,
                                      std::uint64_t level, bool expanded = false) {
   Ref<OutlineFolderItem> f = OutlineFolderItem::folderItemWithTitle(title, id);
@@ -35,79 +36,51 @@ inline Ref<OutlineFolderItem> folder(std::string_view title, std::string_view id
   f->expanded = expanded;
   return f;
 }
-
-inline Ref<OutlineFolderItem> base_folder(std::string_view id, bool expanded = true) {
-  return folder(id, id, str(id), 0, expanded);
-}
-
 inline Ref<OutlineFolderItem> leaf(std::string_view title, std::string_view id, std::string_view type,
                                    std::uint64_t level) {
-  Ref<OutlineFolderItem> l = OutlineFolderItem::folderItemWithTitle(title, id);
+  Ref<OutlineFolderItem> l = folder(title, id, str(type), level);
   l->folder = false;
-  l->type = str(type);
-  l->level = level;
   return l;
 }
-
-// Appends `child` to the folder's children and links it back, as the old client did.
-inline const Ref<OutlineFolderItem>& attach(const Ref<OutlineFolderItem>& parent, const Ref<OutlineFolderItem>& child) {
-  parent->childList()->push_back(child);
-  child->parent = Ref<Object>(parent);
-  return child;
+inline Ref<OutlineFolderItem> opened(Ref<OutlineFolderItem> f) {
+  f->expanded = true;
+  return f;
 }
 
 // A user's stored tree: Root > favourite friends > one friend; albums (the user's own) > one album;
-// tags > sunset, Seaside > sea; locations > one location.
+// tags > sunset, Seaside > sea; locations (closed) > one location. Every folder but locations is open.
 inline Ref<OutlineFolderItem> stored_user_tree() {
-  Ref<OutlineFolderItem> root = folder("Root", "root", nullptr, 0, true);
-  auto fav = attach(root, base_folder(kFav));
-  attach(fav, leaf("anna", "fa-x-coredata://5E1F/Friend/p3", kFav, 1));
-  auto own_albums = attach(root, base_folder(kAlbums));
-  attach(own_albums, leaf("Old album", "ff-x-coredata://5E1F/ImageList/p1", kAlbums, 1));
-  auto tags = attach(root, base_folder(kTags));
-  attach(tags, leaf("sunset", "favtag-sunset", kTags, 1));
-  auto seaside = attach(tags, folder("Seaside", "folder-7A", str(kTags), 1, true));
-  attach(seaside, leaf("sea", "favtag-sea", kTags, 2));
-  auto locations = attach(root, base_folder(kLocations, false));
-  attach(locations, leaf("Lisbon", "location-2134", kLocations, 1));
+  Ref<OutlineFolderItem> root = opened(test::sidebar_root());
+  add_entry(*opened(add_base_folder(*root, kFav)), "anna", "fa-x-coredata://5E1F/Friend/p3");
+  add_entry(*opened(add_base_folder(*root, kAlbums)), "Old album", "ff-x-coredata://5E1F/ImageList/p1");
+  auto tags = opened(add_base_folder(*root, kTags));
+  add_entry(*tags, "sunset", "favtag-sunset");
+  add_entry(*opened(add_folder(*tags, "Seaside", "folder-7A")), "sea", "favtag-sea");
+  add_entry(*add_base_folder(*root, kLocations), "Lisbon", "location-2134");
   return root;
 }
 
 // The shared albums folder: Lisbon 2014 and Porto, one inside a sub-folder.
 inline Ref<OutlineFolderItem> stored_shared_albums() {
-  Ref<OutlineFolderItem> albums = base_folder(kAlbums);
-  attach(albums, leaf("Lisbon 2014", "ff-x-coredata://5E1F/ImageList/p7", kAlbums, 1));
-  auto trips = attach(albums, folder("Trips", "folder-9C", str(kAlbums), 1, true));
-  attach(trips, leaf("Porto", "ff-x-coredata://5E1F/ImageList/p8", kAlbums, 2));
+  Ref<OutlineFolderItem> albums = folder(kAlbums, kAlbums, str(kAlbums), 0, true);
+  add_entry(*albums, "Lisbon 2014", "ff-x-coredata://5E1F/ImageList/p7");
+  add_entry(*opened(add_folder(*albums, "Trips", "folder-9C")), "Porto", "ff-x-coredata://5E1F/ImageList/p8");
   return albums;
 }
 
 inline Ref<Data> archived(const Ref<OutlineFolderItem>& item) { return make<Data>(archive_root(item.get())); }
 
 // A home folder holding the old client's preferences file.
-class SidebarHome {
+class SidebarHome : public test::LegacyHome {
  public:
-  std::filesystem::path home() const { return dir_.path(); }
-  std::filesystem::path preferences_file() const {
-    std::string id(kBundle);
-    return dir_.path() / "Library/Containers" / id / "Data/Library/Preferences" / (id + ".plist");
-  }
   // Writes the preferences: "OutlineFolderModels" = models (when given), plus an install marker.
-  void write(Ref<Object> models) const {
-    Ref<Dictionary> top = mutable_dict({{"FinishedStartScreen415x", boolean(true)}});
-    if (models) top->set(kOutlineFolderModels, models);
-    Result<std::string> bytes = write_binary_plist(top.get());
-    ASSERT_TRUE(bytes.ok()) << bytes.error().message;
-    std::filesystem::create_directories(preferences_file().parent_path());
-    test::write_file(preferences_file(), *bytes);
+  void write(Ref<Object> models) {
+    if (models) set(kOutlineFolderModels, std::move(models));
+    write_preferences();
   }
-  Ref<MQUserDefaultsWrapper> reader() const { return MQUserDefaultsWrapper::initWithBundleID(kBundle, home().string()); }
   Ref<OutlineFolderModel> load(std::string_view user = kUser) const {
-    return OutlineFolderModel::initWithExistingUser(user, false, reader());
+    return OutlineFolderModel::initWithExistingUser(user, false, defaults());
   }
-
- private:
-  test::TempDir dir_;
 };
 
 // The base folders in the order a loaded model's root lists them (the shared albums folder appended).
@@ -137,6 +110,18 @@ inline std::string summary(const OutlineFolderItem* item) {
   return s;
 }
 
+// An item's tree as one text, folders with their children in brackets, base folders by their short
+// names and object URIs without store and scheme: "root[Tags[favtag-sunset folder-7A[favtag-sea]] ...]".
+inline std::string tree_text(const OutlineFolderItem* item) {
+  std::string s(item->identifierText());
+  if (s.starts_with("com.brenvik.velmora.folder") && s.ends_with("Identifier")) s = s.substr(26, s.size() - 36);
+  if (auto at = s.find("x-coredata://5E1F/"); at != std::string::npos) s.erase(at, 18);
+  if (!item->folder) return s;
+  s += '[';
+  for (const OutlineFolderItem* child : item->childItems()) s += (s.back() == '[' ? "" : " ") + tree_text(child);
+  return s + ']';
+}
+
 inline std::vector<std::string> sorted(std::vector<std::string> ids) {
   std::sort(ids.begin(), ids.end());
   return ids;
@@ -148,6 +133,13 @@ inline std::vector<std::string> sorted_identifiers(const OutlineFolderModel& mod
     for (const Ref<Object>& id : list->items()) ids.emplace_back(text_of(id.get()));
   }
   return sorted(std::move(ids));
+}
+
+// The lookup table as "identifier = summary" lines, in identifier order.
+inline std::vector<std::string> model_summary(const OutlineFolderModel& model) {
+  std::vector<std::string> out;
+  for (const std::string& id : sorted_identifiers(model)) out.push_back(id + " = " + summary(model.itemForIdentifier(id).get()));
+  return out;
 }
 
 // The lookup table as sorted lines, one per entry, naming the item (by address), its fields and its
