@@ -21,14 +21,12 @@ inline Ref<GenericRecord> record(std::vector<std::string> chain,
   return r;
 }
 
-inline std::vector<std::string> node_chain(const char* cls) { return {cls, "MQImporterNode", "NSObject"}; }
-
 inline Ref<GenericRecord> node(const char* cls, std::int64_t type,
                                std::vector<std::pair<std::string, Ref<Object>>> fields, bool is_root = false) {
   std::vector<std::pair<std::string, Ref<Object>>> all = {
       {"identifier", nullptr}, {"type", num(type)}, {"ignore", boolean(false)}, {"isRoot", boolean(is_root)}};
   for (auto& f : fields) all.push_back(std::move(f));
-  return record(node_chain(cls), std::move(all));
+  return record({cls, "MQImporterNode", "NSObject"}, std::move(all));
 }
 
 inline Ref<GenericRecord> folder(const char* title, std::vector<Ref<Object>> children, std::int64_t contents,
