@@ -1166,9 +1166,11 @@ bool Builder::write_parallel(std::uint32_t top, Sink& sink, unsigned ref_size, c
   const bool sized_first = sink.wants_size();
   // A builder that is drained keeps each run's encoded sizes (4 bytes an object) as the run is sized,
   // so that the run's objects (8 bytes each) go back once its bytes are handed on rather than after
-  // the whole file: the sink that holds the file in memory takes their pages meanwhile. (Sized first,
-  // every run would hold its sizes at once; a run with an object of 4 GB or more keeps its objects.)
-  const bool record_sizes = drain && !sized_first;
+  // the whole file: the sink that holds the file in memory takes their pages meanwhile. The offset
+  // table is worked out from those sizes, since a large container's count lies in the arena, whose
+  // blocks go back as their runs are handed on. (Sized first, every run holds its sizes at once; a
+  // run with an object of 4 GB or more keeps its objects and their bytes.)
+  const bool record_sizes = drain != nullptr;
   std::vector<std::unique_ptr<std::uint32_t[]>> sizes(record_sizes ? runs : 0);
   // Each run's bytes, then (summed) the byte offset of each run; start[runs]: the end of the objects.
   std::vector<std::uint64_t> start(runs + 1);
@@ -1212,15 +1214,13 @@ bool Builder::write_parallel(std::uint32_t top, Sink& sink, unsigned ref_size, c
         stream_objects(run_begin(r), run_end(r), ref_size, w);
         return w.finish();
       },
-      // Once a run is handed on, the bytes of its strings and data and its containers' references
-      // are not read again, nor its objects once their sizes are kept (the runs before it alike).
+      // Once a run is handed on and its sizes are kept (the runs before it alike), neither its objects
+      // nor the arena's bytes they own (strings, data, references, large counts) are read again.
       [&](std::size_t r) {
-        if (!drain) return;
+        if (!drain || objects_released != r || !sizes[r]) return;
         drain->arena_.release_below(static_cast<std::uint32_t>(run_end(r)));
-        if (record_sizes && objects_released == r && sizes[r]) {
-          drain->objects_.release_below(run_end(r));
-          objects_released = r + 1;
-        }
+        drain->objects_.release_below(run_end(r));
+        objects_released = r + 1;
       });
   if (!objects.run()) return false;
   if (!sized_first) sum_starts();
