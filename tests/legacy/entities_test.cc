@@ -136,7 +136,7 @@ TEST(Albums, ComeInEveryOrderWithTheirValuesAndMediaInEveryLayout) {
   const std::vector<std::pair<Ref<Object>, const std::vector<std::int64_t>*>> orders = {
       {nullptr, &by_title},      {num(0), &by_title},      {num(1), &by_count},    {num(2), &by_created},
       {num(3), &by_title},       {num(-1), &by_title},     {str(" 1st"), &by_count}, {str("x"), &by_title},
-      {array({num(2)}), &by_title},
+      {boolean(true), &by_count}, {array({num(2)}), &by_title},
   };
   const std::vector<std::pair<const char*, InstaGramOptions>> layouts = {
       {"foreign key, sub-entities", store_options(ImagesLayout::ForeignKey, true)},

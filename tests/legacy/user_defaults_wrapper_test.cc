@@ -58,6 +58,10 @@ TEST(UserDefaults, AnswersTheInstallationQuestionFromTheMarkers) {
                            dict({{"FinishedStartScreen400", boolean(true)}}).get());
        },
        false},
+      {"a top level that is a list", prefs(array({str("FinishedStartScreen400")})), false},
+      {"an unreadable file", [](const fs::path& h) { test::write_file(preferences_file(h), "bplist00 broken"); }, false},
+      {"the preferences file is a folder", [](const fs::path& h) { fs::create_directories(preferences_file(h)); },
+       false},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
