@@ -139,6 +139,29 @@ TEST(KeyedArchive, WritesTheSkeletonAppleWrites) {
                   "\"$classname\" = NSArray; } ); \"$top\" = { root = { \"CF$UID\" = 1; }; }; \"$version\" = 100000; }");
 }
 
+TEST(KeyedArchive, WritesTheClassChainsAppleWrites) {
+  // Each Foundation class archived with a class record, and that record's "$classes" as Apple lists them.
+  const std::pair<Ref<Object>, std::string> cases[] = {
+      {mutable_array(), "NSMutableArray NSArray NSObject"},  {dict({}), "NSDictionary NSObject"},
+      {mutable_dict(), "NSMutableDictionary NSDictionary NSObject"}, {make<Set>(false), "NSSet NSObject"},
+      {make<Set>(true), "NSMutableSet NSSet NSObject"},      {mutable_str("s"), "NSMutableString NSString NSObject"},
+      {make<Data>(std::string("d"), true), "NSMutableData NSData NSObject"}, {date(0), "NSDate NSObject"},
+      {Null::shared(), "NSNull NSObject"},
+  };
+  for (const auto& [value, chain] : cases) {
+    auto plist = read_binary_plist(archive_root(array({value}).get()));
+    ASSERT_TRUE(plist.ok()) << plist.error().message;
+    std::string found;
+    for (const Ref<Object>& entry : as_array(as_dict(plist.value().get())->get("$objects"))->items()) {
+      const Dictionary* d = as_dict(entry.get());
+      if (!d || !d->get("$classname") || text_of(d->get("$classname")) == "NSArray") continue;
+      for (const Ref<Object>& name : as_array(d->get("$classes"))->items())
+        found += (found.empty() ? "" : " ") + std::string(text_of(name.get()));
+    }
+    EXPECT_EQ(found, chain);
+  }
+}
+
 TEST(KeyedArchive, EveryValueKindRoundTrips) {
   auto shared = mutable_str("shared");
   auto cyclic = mutable_array();
