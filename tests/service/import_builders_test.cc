@@ -1,6 +1,5 @@
 // The import driver's block list folder, read from a legacy installation. It does not travel in the
-// reply, so the driver's builder is looked at directly. (The account record and the statistics node
-// are checked through the reply by the hostile installation catalogue.)
+// reply, so the driver's builder is looked at directly.
 #include <gtest/gtest.h>
 
 #include "nodes/importer_context.h"
@@ -12,8 +11,8 @@
 namespace orvia::test {
 namespace {
 
-// The folder as one line: its fields, then each blocked user as "identifier|user id=name" (a user
-// id that is no string marked "#", a user of the wrong type or flags marked "!").
+// The folder as one line: its fields, then each blocked user as "identifier|user id=name" (a user id
+// that is no string marked "#", a user of the wrong type or flags marked "!").
 std::string summary(const MQImporterNodeFolder* folder) {
   if (!folder) return "none";
   auto t = [](const Ref<Object>& o) { return std::string(text_of(o.get())); };
@@ -23,8 +22,7 @@ std::string summary(const MQImporterNodeFolder* folder) {
   for (const auto& child : folder->childList()->items()) {
     auto* user = dynamic_cast<MQImporterNodeBlacklist*>(child.get());
     if (!user) return out + " not a user";
-    out += " ";
-    out += t(user->identifier) + "|" + t(user->userid) + (as_string(user->userid.get()) ? "" : "#") + "=" +
+    out += " " + t(user->identifier) + "|" + t(user->userid) + (as_string(user->userid.get()) ? "" : "#") + "=" +
            t(user->username) + (user->type != MQImporterNodeTypeBlacklist || user->isRoot || user->ignoreInExport ? "!" : "");
   }
   return out;
@@ -37,31 +35,24 @@ TEST(ImportBuilders, BlockedUsersFolderForEachAccount) {
   home.store().add_account("2002", "bob");
   const std::string head = "Blacklist blacklist " + std::to_string(MQImporterNodeTypeBlacklist) + "/" +
                            std::to_string(MQImporterNodeTypeFolder) + " root:";
-  const std::vector<std::tuple<const char*, Ref<Object>, std::string>> rows = {
-      {"absent", nullptr, "none"},
-      {"a list", array({str("1234")}), "none"},
-      {"an empty dictionary", dict(), head},
-      // In stored order, not sorted; the key as stored, a string.
-      {"three entries", dict({{"9", str("zed")}, {"10", str("ten")}, {"1", str("one")}}),
-       head + " 9|9=zed 10|10=ten 1|1=one"},
-  };
-  Ref<MQOrvia4Importer> importer = MQOrvia4Importer::init();
-  for (const auto& [why, value, expected] : rows) {
-    SCOPED_TRACE(why);
-    if (value) home.set("kUserBlacklistKey", value);
-    else home.remove("kUserBlacklistKey");
+  // In stored order, not sorted; the key as stored, a string.
+  for (const auto& [value, expected] : std::vector<std::pair<Ref<Object>, std::string>>{
+           {nullptr, "none"}, {array({str("1234")}), "none"}, {dict(), head},
+           {dict({{"9", str("zed")}, {"10", str("ten")}, {"1", str("one")}}), head + " 9|9=zed 10|10=ten 1|1=one"}}) {
+    SCOPED_TRACE(expected);
+    value ? home.set("kUserBlacklistKey", value) : home.remove("kUserBlacklistKey");
     auto store = home.attach();
     ASSERT_TRUE(store.ok()) << store.error().message;
-    auto accounts = store.value()->currentAccounts();
-    ASSERT_TRUE(accounts && accounts->size() == 2u);
     LogCapture log;
     std::vector<Ref<MQImporterNodeFolder>> folders;
-    for (const auto& account : *accounts) {
+    const auto accounts = store.value()->currentAccounts();
+    for (const auto& account : accounts.value()) {
       auto context = MQImporterContext::contextWithDefaults(home.defaults(), account, store.value());
-      folders.push_back(importer->blackListsWithContext(*context));
+      folders.push_back(MQOrvia4Importer::init()->blackListsWithContext(*context));
       EXPECT_EQ(summary(folders.back().get()), expected);
       EXPECT_FALSE(context->messages);
     }
+    ASSERT_EQ(folders.size(), 2u);
     EXPECT_TRUE(!folders[0] || folders[0] != folders[1]) << "each account's result gets its own folder";
     EXPECT_TRUE(log.lines().empty());
   }
