@@ -52,7 +52,7 @@ TEST(Inflate, DecodesTheModelCachesOfRealStoresAndRejectsDamage) {
   TempDir dir;
   for (const char* name : {"wire-store2-3.sqlite", "wire-store2-101-0.sqlite", "post-section-v3.sqlite"}) {
     SCOPED_TRACE(name);
-    const std::string blob = test::Db(copy_fixture(dir, name)).scalar("SELECT Z_CONTENT FROM Z_MODELCACHE");
+    const std::string blob = test::TestDb(copy_fixture(dir, name)).scalar("SELECT Z_CONTENT FROM Z_MODELCACHE");
     auto out = inflate_raw(blob);
     ASSERT_TRUE(out.ok()) << out.error().message;
     EXPECT_EQ(out.value().substr(0, 8), "bplist00");
@@ -202,7 +202,7 @@ TEST(CoreDataStore, FindsToManyRelationshipsOfRealStoresWithAndWithoutTheirModel
       SCOPED_TRACE(std::string(c.file) + " " + c.owner + "." + c.relationship + (drop_model ? " without model" : ""));
       TempDir dir;
       const fs::path path = copy_fixture(dir, c.file);
-      if (drop_model) test::Db(path).exec("DROP TABLE Z_MODELCACHE");
+      if (drop_model) test::TestDb(path).exec("DROP TABLE Z_MODELCACHE");
       const auto before = snapshot_tree(dir.path());
       {
         auto opened = CoreDataStore::open(path.string());
@@ -224,7 +224,7 @@ void write_small_store(const fs::path& path) {  // rollback-journal mode
 }
 
 TEST(CoreDataStore, RefusesStoresItCannotRead) {
-  auto sql = [](const char* statement) { return [statement](const fs::path& p) { test::Db(p).exec(statement); }; };
+  auto sql = [](const char* statement) { return [statement](const fs::path& p) { test::TestDb(p).exec(statement); }; };
   const std::vector<std::tuple<bool, std::function<void(const fs::path&)>, int, const char*>> cases = {
       // {start from a small valid store, what spoils it, code, reason}
       {false, [](const fs::path&) {}, SQLITE_CANTOPEN, "unable to open the store file"},
@@ -266,7 +266,7 @@ TEST(CoreDataStore, RefusesAStoreThatAnotherProcessIsWriting) {
     TempDir dir;
     const fs::path path = dir / "InstaGramStore.db";
     write_small_store(path);
-    if (wal) test::Db(path).exec("PRAGMA journal_mode=WAL");
+    if (wal) test::TestDb(path).exec("PRAGMA journal_mode=WAL");
     {
       test::LockHolder holder(path, sql);
       ASSERT_TRUE(holder.held());
@@ -288,7 +288,7 @@ TEST(CoreDataStore, RollsBackAHotJournalInItsPrivateCopyOnly) {
   const fs::path path = dir / "InstaGramStore.db";
   write_small_store(path);
   {
-    test::Db writer(path);
+    test::TestDb writer(path);
     writer.exec("PRAGMA cache_size=2; BEGIN;");
     for (int i = 2; i <= 400; ++i)
       writer.exec("INSERT INTO ZACCOUNT (Z_PK, Z_ENT, Z_OPT, ZNAME) VALUES (" + std::to_string(i) + ", 1, 1, '" +

@@ -301,7 +301,7 @@ TEST(Fetches, SurviveACorruptTablePage) {
     for (int i = 0; i < 300; ++i) s.item(1000 + i, 1, std::string(600, 'm'));
   });
   // Overwrite the media table's root page with garbage; the schema stays readable.
-  const std::int64_t root = std::stoll(test::Db(home.store_path()).scalar("SELECT rootpage FROM sqlite_master WHERE name = 'ZIMAGEITEM'"));
+  const std::int64_t root = std::stoll(test::TestDb(home.store_path()).scalar("SELECT rootpage FROM sqlite_master WHERE name = 'ZIMAGEITEM'"));
   std::string bytes = test::read_file(home.store_path());
   for (std::size_t i = 0; i < 4096; ++i) bytes[(root - 1) * 4096 + i] = static_cast<char>(0x5C ^ (i * 13));
   test::write_file(home.store_path(), bytes);

@@ -13,6 +13,7 @@
 #include <filesystem>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "platform/keyed_archive.h"
@@ -22,17 +23,39 @@
 
 namespace orvia::test {
 
-// A connection for writing test files (no durability needed).
-class Db {
+using V = std::optional<std::string>;
+inline std::string blob(const std::string& bytes) { return "\x01" "blob:" + bytes; }  // a value stored as a blob
+inline std::string blob_lit(std::string_view bytes) {
+  std::string h = "X'";
+  for (unsigned char c : bytes) h += "0123456789ABCDEF"[c >> 4], h += "0123456789ABCDEF"[c & 15];
+  return h + "'";
+}
+inline std::string lit(const V& v) {  // a literal: text, blob() as a blob, nothing as NULL
+  if (!v) return "NULL";
+  if (v->rfind("\x01" "blob:", 0) == 0) return blob_lit(std::string_view(*v).substr(6));
+  std::string q = "'";
+  for (char c : *v) q += c == '\'' ? "''" : std::string(1, c);
+  return q + "'";
+}
+
+// A connection for writing test files (no durability needed); the service tests use it too.
+class TestDb {
  public:
-  explicit Db(const std::filesystem::path& path) {
+  explicit TestDb(const std::filesystem::path& path) {
     sqlite3_open(path.c_str(), &db_);
     exec("PRAGMA synchronous=OFF");
   }
-  ~Db() { sqlite3_close_v2(db_); }
+  ~TestDb() { sqlite3_close_v2(db_); }
+  TestDb(const TestDb&) = delete;
+  TestDb& operator=(const TestDb&) = delete;
+  void insert(const std::string& table, const std::vector<std::string>& columns, const std::vector<V>& values) {
+    std::string c, v;
+    for (std::size_t i = 0; i < columns.size(); ++i) c += (i ? ", " : "") + columns[i], v += (i ? ", " : "") + lit(values[i]);
+    exec("INSERT INTO " + table + " (" + c + ") VALUES (" + v + ")");
+  }
   void exec(const std::string& sql) {
     char* err = nullptr;
-    if (sqlite3_exec(db_, sql.c_str(), nullptr, nullptr, &err) != SQLITE_OK) ADD_FAILURE() << err << "\n" << sql;
+    if (sqlite3_exec(db_, sql.c_str(), nullptr, nullptr, &err) != SQLITE_OK) ADD_FAILURE() << (err ? err : "?") << "\n" << sql;
     sqlite3_free(err);
   }
   // The first column of the first row, as its bytes.
@@ -49,19 +72,6 @@ class Db {
  private:
   sqlite3* db_ = nullptr;
 };
-
-using V = std::optional<std::string>;
-inline std::string lit(const V& v) {  // a text literal, or NULL
-  if (!v) return "NULL";
-  std::string q = "'";
-  for (char c : *v) q += c == '\'' ? "''" : std::string(1, c);
-  return q + "'";
-}
-inline std::string blob_lit(const std::string& bytes) {
-  std::string h = "X'";
-  for (unsigned char c : bytes) h += "0123456789ABCDEF"[c >> 4], h += "0123456789ABCDEF"[c & 15];
-  return h + "'";
-}
 
 // A Z_MODELCACHE blob: the keyed archive of an object model in DEFLATE stored blocks. Relationships
 // are {entity, name, destination, inverse, "to-many", "ordered"} ("" for no).
@@ -159,7 +169,7 @@ class InstaGramStore {
     if (join) add("CREATE TABLE " + join_table() + " (Z_" + std::to_string(o_.list) + inv_ + " INTEGER, Z_" +
                   std::to_string(item_) + "IMAGES INTEGER)");
   }
-  ~InstaGramStore() { Db(path_).exec("BEGIN;" + sql_ + "COMMIT"); }
+  ~InstaGramStore() { TestDb(path_).exec("BEGIN;" + sql_ + "COMMIT"); }
 
   std::string join_table() const { return "Z_" + std::to_string(o_.list) + "IMAGES"; }
   void add(const std::string& sql) { sql_ += sql + ";\n"; }
