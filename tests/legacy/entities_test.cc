@@ -1,11 +1,11 @@
-// Accounts, favourite friends and albums of InstaGram stores in every layout, fetched through the
-// store access object in every order the old client offered.
+// Accounts, favourite friends and albums of InstaGram stores, fetched through the store access object
+// in every order the old client offered.
 #include "legacy/entities.h"
 
 #include <gtest/gtest.h>
 
-#include <chrono>
 #include <algorithm>
+#include <chrono>
 #include <cstdio>
 #include <functional>
 #include <regex>
@@ -13,11 +13,8 @@
 #include "legacy/core_data_wrapper.h"
 #include "legacy/user_defaults_wrapper.h"
 #include "legacy_test_util.h"
-#include "platform/keyed_archive.h"
 #include "platform/log.h"
-#include "platform/plist.h"
 #include "platform/queue.h"
-#include "support/support.h"
 
 namespace fs = std::filesystem;
 
@@ -25,171 +22,135 @@ namespace orvia {
 namespace {
 
 using test::ImagesLayout;
-using test::InstaGramOptions;
 using test::InstaGramStore;
-using test::snapshot_tree;
-using test::store_options;
-using test::TempDir;
-
-constexpr const char* kBundle = "com.brenvik.velmora";
-constexpr const char* kUUID = "6B1F3A2C-0D4E-4F5A-9B8C-7D6E5F4A3B2C";
 
 // A home folder with the old client's preferences (binary property list) and, when written, its store.
 class Home {
  public:
   Home() { fs::create_directories(store_path().parent_path()); }
   fs::path store_path() const { return MQCoreDataWrapper::storePathForHome(dir_.path().string()); }
-  void write_store(const std::function<void(InstaGramStore&)>& fill, const InstaGramOptions& options = {}) {
+  void write_store(const std::function<void(InstaGramStore&)>& fill, const test::InstaGramOptions& options = {}) {
     InstaGramStore s(store_path(), options);
     fill(s);
   }
-  test::TreeSnapshot snapshot() const { return snapshot_tree(store_path().parent_path()); }
+  test::TreeSnapshot snapshot() const { return test::snapshot_tree(store_path().parent_path()); }
   void set_preferences(const Ref<Dictionary>& prefs) {
-    auto bytes = write_binary_plist(prefs.get());
-    ASSERT_TRUE(bytes.ok());
-    const std::string bundle = kBundle;
-    test::write_file(dir_.path() / "Library/Containers" / bundle / "Data/Library/Preferences" / (bundle + ".plist"),
-                     bytes.value());
+    test::write_file(dir_ / "Library/Containers/com.brenvik.velmora/Data/Library/Preferences/com.brenvik.velmora.plist",
+                     write_binary_plist(prefs.get()).value());
   }
   Ref<MQUserDefaultsWrapper> defaults() const {
-    return MQUserDefaultsWrapper::initWithBundleID(kBundle, dir_.path().string());
+    return MQUserDefaultsWrapper::initWithBundleID("com.brenvik.velmora", dir_.path().string());
   }
   // Attaches the store the way the import does and waits (serving the main queue) until it is ready.
   Ref<MQCoreDataWrapper> attach(Ref<MQUserDefaultsWrapper> defaults = nullptr) const {
-    bool done = false, failed = false;
-    auto wrapper = MQCoreDataWrapper::initWithStorePath(
-        store_path().string(), [&] { done = true; }, defaults ? defaults : this->defaults(), [&] { failed = true; });
-    for (int i = 0; i < 400 && !done && !failed; ++i) MainQueue::shared().drain(std::chrono::milliseconds(50));
-    EXPECT_TRUE(done) << "the store was not attached";
+    bool done = false;
+    auto wrapper = MQCoreDataWrapper::initWithStorePath(store_path().string(), [&] { done = true; },
+                                                        defaults ? defaults : this->defaults(), [&] { done = true; });
+    for (int i = 0; i < 400 && !done; ++i) MainQueue::shared().drain(std::chrono::milliseconds(50));
+    EXPECT_TRUE(wrapper->managedObjectContext()) << "the store was not attached";
     return wrapper;
   }
 
  private:
-  TempDir dir_;
+  test::TempDir dir_;
 };
 
 template <class T>
-std::vector<std::int64_t> keys(const std::vector<Ref<T>>& objects) {
-  std::vector<std::int64_t> out;
-  for (const auto& o : objects) out.push_back(o->primaryKey());
+std::string keys(const std::vector<Ref<T>>& objects) {
+  std::string out;
+  for (const auto& o : objects) out += (out.empty() ? "" : " ") + std::to_string(o->primaryKey());
   return out;
 }
 
 // A stored value as text that tells the kinds apart: "text", 7, @500 (a date), nil.
 std::string v(const Ref<Object>& o) {
+  char buf[40];
+  if (!o) return "nil";
   if (as_string(o.get())) return '"' + std::string(text_of(o.get())) + '"';
-  if (const Date* d = as_date(o.get())) {
-    char buf[40];
-    std::snprintf(buf, sizeof buf, "@%g", d->time());
-    return buf;
-  }
-  if (const Number* n = as_number(o.get())) return n->is_real() ? "?" : std::to_string(n->int_value());
-  return o ? std::string(o->class_name()) : "nil";
+  if (const Number* n = as_number(o.get())) return std::to_string(n->int_value());
+  if (const Date* d = as_date(o.get())) return std::snprintf(buf, sizeof buf, "@%g", d->time()), buf;
+  return std::string(o->class_name());
 }
 
 // An object URI with the test store's UUID left out.
 std::string uri(const std::string& u) {
-  const std::string prefix = std::string("x-coredata://") + kUUID + "/";
+  const std::string prefix = std::string("x-coredata://") + InstaGramStore::kUUID + "/";
   return u.rfind(prefix, 0) == 0 ? "~/" + u.substr(prefix.size()) : u;
 }
 
-std::string archived_media(std::string_view id) { return archive_root(dict({{"id", str(id)}}).get()); }
+std::string archived_media(const std::string& id) { return archive_root(dict({{"id", str(id)}}).get()); }
 
 // Albums with ties of every kind: equal titles, equal counts, a missing title and a missing date.
-void write_albums(InstaGramStore& s) {
-  const bool subs = s.options().sub_entities;
-  s.album(1, "beta", 300.0);
-  s.album(2, "Alpha", 100.0);
-  s.album(3, "alpha", 200.0, subs);
-  s.album(4, std::nullopt, 250.0);
+void write_albums(InstaGramStore& s, bool subs = false) {
+  s.album(1, "beta", "300");
+  s.album(2, "Alpha", "100");
+  s.album(3, "alpha", "200", subs);
+  s.album(4, std::nullopt, "250");
   s.album(5, "gamma", std::nullopt);
-  s.album(6, "beta", 50.0);
-  const std::vector<std::pair<std::int64_t, int>> members = {{1, 3}, {2, 3}, {3, 5}, {5, 3}, {6, 1}};
-  std::int64_t pk = 100;
-  for (auto [album, n] : members) {
-    for (int i = 0; i < n; ++i, ++pk) {
-      // Media keys run against the stored order (Z_FOK_) so that an ordered layout shows.
-      // Some are also unseen media of favourite 9: a to-one column that is not the album's.
-      s.item(pk, album, archived_media(std::to_string(pk) + "_1"), subs && i == 1, 100 - i,
-             i == 0 ? std::optional<std::int64_t>(9) : std::nullopt);
-    }
+  s.album(6, "beta", "50");
+  int pk = 100;
+  for (auto [album, n] : std::vector<std::pair<int, int>>{{1, 3}, {2, 3}, {3, 5}, {5, 3}, {6, 1}}) {
+    // Media keys run against the stored order (Z_FOK_) so that an ordered layout shows. Some are also
+    // unseen media of favourite 9: a to-one column that is not the album's.
+    for (int i = 0; i < n; ++i, ++pk)
+      s.item(pk, album, archived_media(std::to_string(pk) + "_1"), subs && i == 1, std::to_string(100 - i),
+             i == 0 ? test::V("9") : std::nullopt);
   }
   s.item(pk, std::nullopt, archived_media("loose"));  // in no album
-  s.finish();
 }
 
 // An album's media as "URI=converted id" items, in the order the album yields them.
 std::string media_of(const ImageList& album) {
   std::string out;
   EXPECT_TRUE(album.enumerateImages([&](const ImageItemRow& row) {
-    out += std::string(out.empty() ? "" : " ") + uri(row.objectURI()) + "=" +
-           std::string(text_of(row.convertedDictionary()->get("id")));
+    out += (out.empty() ? "" : " ") + uri(row.objectURI()) + "=" + std::string(text_of(row.convertedDictionary()->get("id")));
     return true;
   }));
   return out;
 }
 
-TEST(Albums, ComeInEveryOrderWithTheirValuesAndMediaInEveryLayout) {
-  const std::vector<std::int64_t> by_title = {4, 2, 3, 1, 6, 5}, by_count = {3, 2, 1, 5, 6, 4},
-                                  by_created = {5, 6, 2, 3, 4, 1};
+TEST(Albums, ComeInEveryOrderOfTheAlbumsPreferenceWithTheirValuesAndMedia) {
   // "WZAlbumsOrderIndex" (nil: absent), read as the old client's integerValue.
-  const std::vector<std::pair<Ref<Object>, const std::vector<std::int64_t>*>> orders = {
-      {nullptr, &by_title},      {num(0), &by_title},      {num(1), &by_count},    {num(2), &by_created},
-      {num(3), &by_title},       {num(-1), &by_title},     {str(" 1st"), &by_count}, {str("x"), &by_title},
-      {boolean(true), &by_count}, {array({num(2)}), &by_title},
+  const std::vector<std::pair<Ref<Object>, const char*>> orders = {
+      {num(1), "3 2 1 5 6 4"}, {num(2), "5 6 2 3 4 1"}, {num(3), "4 2 3 1 6 5"}, {str(" 1st"), "3 2 1 5 6 4"},
+      {nullptr, "4 2 3 1 6 5"},  // last: the checks below use this order
   };
-  const std::vector<std::pair<const char*, InstaGramOptions>> layouts = {
-      {"foreign key, sub-entities", store_options(ImagesLayout::ForeignKey, true)},
-      {"ordered, sub-entities, model", store_options(ImagesLayout::Ordered, true, true)},
-      {"join table", store_options(ImagesLayout::JoinTable)},
-      {"join table, sub-entities, model", store_options(ImagesLayout::JoinTable, true, true)},
-  };
-  for (const auto& [name, options] : layouts) {
-    SCOPED_TRACE(name);
+  for (const bool ordered : {false, true}) {  // the ordered one with sub-entities and a model
+    SCOPED_TRACE(ordered ? "ordered" : "foreign key");
     Home home;
-    home.write_store(write_albums, options);
+    home.write_store([&](InstaGramStore& s) { write_albums(s, ordered); }, {ordered ? ImagesLayout::Ordered : ImagesLayout::ForeignKey, ordered, ordered});
     const auto before = home.snapshot();
     for (const auto& [value, expected] : orders) {
       home.set_preferences(value ? dict({{"WZAlbumsOrderIndex", value}}) : dict({{"Other", num(1)}}));
       auto albums = home.attach()->currentAlbums();
       ASSERT_TRUE(albums);
-      EXPECT_EQ(keys(*albums), *expected) << v(value);
+      EXPECT_EQ(keys(*albums), expected) << v(value);
     }
     auto albums = home.attach()->currentAlbums();
     ASSERT_TRUE(albums);
     const ImageList& untitled = *(*albums)[0];
     const ImageList& alpha = *(*albums)[2];  // a SmartImageList when there are sub-entities
-    const std::string list = options.sub_entities ? "SmartImageList" : "ImageList";
-    EXPECT_EQ(uri(untitled.objectURI()) + " " + v(untitled.title()) + " " + v(untitled.created()),
-              "~/ImageList/p4 nil @250");
-    EXPECT_EQ(alpha.entityName() + " " + uri(alpha.objectURI()) + " " + v(alpha.title()) + " " + v(alpha.created()),
-              list + " ~/" + list + "/p3 \"alpha\" @200");
+    const std::string list = ordered ? "SmartImageList" : "ImageList";
+    EXPECT_EQ(uri(untitled.objectURI()) + " " + v(untitled.title()) + " " + v(untitled.created()) + ", " +
+                  alpha.entityName() + " " + uri(alpha.objectURI()) + " " + v(alpha.title()) + " " + v(alpha.created()),
+              "~/ImageList/p4 nil @250, " + list + " ~/" + list + "/p3 \"alpha\" @200");
     EXPECT_EQ(alpha.valueForKey("title").get(), alpha.title().get());
-
-    // Album 3 holds media 106..110; the second is a VideoItem when there are sub-entities. Unordered
-    // layouts yield ascending keys, the ordered one its Z_FOK_ order (100, 99, ... given to 106, 107, ...).
-    std::vector<std::int64_t> members = {106, 107, 108, 109, 110};
-    if (options.layout == ImagesLayout::Ordered) std::reverse(members.begin(), members.end());
-    std::string expected_media;
-    for (std::int64_t pk : members) {
-      expected_media += std::string(expected_media.empty() ? "" : " ") +
-                        (pk == 107 && options.sub_entities ? "~/VideoItem/p" : "~/ImageItem/p") + std::to_string(pk) +
-                        "=" + std::to_string(pk) + "_1";
-    }
-    EXPECT_EQ(media_of(alpha), expected_media);
+    // Album 3 holds media 106..110, the second a VideoItem when there are sub-entities; the ordered
+    // layout yields its Z_FOK_ order (100, 99, ... given to 106, 107, ...).
+    EXPECT_EQ(media_of(alpha), ordered ? "~/ImageItem/p110=110_1 ~/ImageItem/p109=109_1 ~/ImageItem/p108=108_1 "
+                                         "~/VideoItem/p107=107_1 ~/ImageItem/p106=106_1"
+                                       : "~/ImageItem/p106=106_1 ~/ImageItem/p107=107_1 ~/ImageItem/p108=108_1 "
+                                         "~/ImageItem/p109=109_1 ~/ImageItem/p110=110_1");
     EXPECT_EQ(media_of(untitled), "");
-
     // A visitor may stop early; the objects API gives the same members.
     int visits = 0;
     EXPECT_TRUE(alpha.enumerateImages([&](const ImageItemRow&) { return ++visits < 2; }));
     EXPECT_EQ(visits, 2);
     auto items = alpha.images();
     ASSERT_TRUE(items);
-    EXPECT_EQ(keys(*items), members);
-    Ref<Dictionary> record = (*items)[0]->archivedDictionary();
-    ASSERT_TRUE(record);
-    EXPECT_EQ(v(record->get("id")) + " " + v((*items)[0]->convertedDictionary()->get("pk")),
-              "\"" + std::to_string(members[0]) + "_1\" \"" + std::to_string(members[0]) + "\"");
+    EXPECT_EQ(keys(*items), ordered ? "110 109 108 107 106" : "106 107 108 109 110");
+    EXPECT_EQ(v((*items)[0]->archivedDictionary()->get("id")) + " " + v((*items)[0]->convertedDictionary()->get("pk")),
+              ordered ? "\"110_1\" \"110\"" : "\"106_1\" \"106\"");
     albums.reset();
     EXPECT_EQ(home.snapshot(), before);
   }
@@ -199,16 +160,15 @@ TEST(Albums, ComeInEveryOrderWithTheirValuesAndMediaInEveryLayout) {
 void write_friends(InstaGramStore& s) {
   s.account(1, "1001", "ann");
   s.account(2, "1002", "bob");
-  s.friend_({1, 1, "bob", "u1", 2, 500.0, "http://pic/1", 12});
-  s.friend_({2, 1, "Ann", "u2", 5, 400.0});
-  s.friend_({3, 1, "ann", "u3", 2, 100.0});
-  s.friend_({4, 1, "bob", "u4", 0, 50.0});
-  s.friend_({5, 1, std::nullopt, std::nullopt, std::nullopt, std::nullopt});
-  s.friend_({6, 1, "carl", "u6", 2, 100.0});
-  s.friend_({7, 2, "dave", "u7", 1, 10.0});
-  s.friend_({8, std::nullopt, "eve", "u8", std::nullopt, 1.0});
-  s.friend_({9, std::nullopt, "Zed", "u9", std::nullopt, 2.0});
-  s.finish();
+  s.friend_(1, "1", "bob", "u1", "2", "500", "http://pic/1", "12");
+  s.friend_(2, "1", "Ann", "u2", "5", "400");
+  s.friend_(3, "1", "ann", "u3", "2", "100");
+  s.friend_(4, "1", "bob", "u4", "0", "50");
+  s.friend_(5, "1", {}, {});
+  s.friend_(6, "1", "carl", "u6", "2", "100");
+  s.friend_(7, "2", "dave", "u7", "1", "10");
+  s.friend_(8, {}, "eve", "u8", {}, "1");
+  s.friend_(9, {}, "Zed", "u9", {}, "2");
 }
 
 std::string values_of(const Friend& f) {
@@ -219,11 +179,11 @@ std::string values_of(const Friend& f) {
 }
 
 TEST(Friends, ComeInEveryOrderOfTheFriendsPreferenceForEachAccountWithTheirValues) {
-  const std::vector<std::int64_t> by_unread = {2, 3, 1, 6, 4, 5}, by_added = {5, 4, 3, 6, 2, 1},
-                                  by_name = {5, 2, 3, 4, 1, 6};
-  const std::vector<std::pair<Ref<Object>, const std::vector<std::int64_t>*>> cases = {
-      {nullptr, &by_unread},      {num(0), &by_unread},  {num(1), &by_added},          {num(2), &by_name},
-      {num(-3), &by_name},        {str("1"), &by_added}, {boolean(false), &by_unread},
+  // "WZFavoriteFriendsOrderIndex": the first account's favourites, the second's, those of no account
+  // ("Zed" sorts before "eve" byte-wise).
+  const std::vector<std::pair<Ref<Object>, const char*>> cases = {
+      {nullptr, "2 3 1 6 4 5, 7, 9 8"}, {num(1), "5 4 3 6 2 1, 7, 8 9"}, {num(2), "5 2 3 4 1 6, 7, 9 8"},
+      {num(-3), "5 2 3 4 1 6, 7, 9 8"}, {str("1"), "5 4 3 6 2 1, 7, 8 9"},
   };
   Home home;
   home.write_store(write_friends);
@@ -233,16 +193,11 @@ TEST(Friends, ComeInEveryOrderOfTheFriendsPreferenceForEachAccountWithTheirValue
     home.set_preferences(value ? dict({{"WZFavoriteFriendsOrderIndex", value}}) : dict({}));
     auto wrapper = home.attach();
     auto accounts = wrapper->currentAccounts();
-    ASSERT_TRUE(accounts);
-    ASSERT_EQ(accounts->size(), 2u);
+    ASSERT_TRUE(accounts && accounts->size() == 2u);
     auto friends = wrapper->currentFriendsInAccount((*accounts)[0].get());
-    EXPECT_EQ(keys(friends), *expected);
-    EXPECT_EQ(keys(wrapper->currentFriendsInAccount((*accounts)[1].get())), std::vector<std::int64_t>({7}));
-    // No account: the favourites that belong to none ("Zed" sorts before "eve" byte-wise).
     auto orphans = wrapper->currentFriendsInAccount(nullptr);
-    EXPECT_EQ(keys(orphans), (expected == &by_added ? std::vector<std::int64_t>{8, 9} : std::vector<std::int64_t>{9, 8}));
+    EXPECT_EQ(keys(friends) + ", " + keys(wrapper->currentFriendsInAccount((*accounts)[1].get())) + ", " + keys(orphans), expected);
     if (value) continue;
-    ASSERT_EQ(friends.size(), 6u);
     EXPECT_EQ(values_of(*friends[2]), "~/Friend/p1 \"u1\" \"bob\" \"http://pic/1\" 12 @500 2 tmp 2 image nil of \"1001\"");
     EXPECT_EQ(values_of(*friends[5]), "~/Friend/p5 nil nil nil nil nil nil tmp 0 image nil of \"1001\"");
     EXPECT_EQ(values_of(*orphans[0]), "~/Friend/p9 \"u9\" \"Zed\" nil nil @2 nil tmp 0 image nil of none");
@@ -259,7 +214,6 @@ TEST(Accounts, ComeInKeyOrderWithTheirPreferenceEntries) {
     s.account(3, "1003", "carl");
     s.account(1, "1001", "ann");
     s.account(2, std::nullopt, "nobody");
-    s.finish();
   });
   home.set_preferences(dict({{"UserAccountsI", dict({{"1001", str("http://pic/ann")}})},
                              {"UserAccountsT", str("not a dictionary")},
@@ -269,19 +223,17 @@ TEST(Accounts, ComeInKeyOrderWithTheirPreferenceEntries) {
   ASSERT_TRUE(accounts);
   std::vector<std::string> seen;
   LogCapture log;
-  for (const auto& a : *accounts) {
+  for (const auto& a : *accounts)
     seen.push_back(uri(a->objectURI()) + " " + v(a->userid()) + " " + v(a->username()) + " " +
                    v(a->imageURLWithDefaults(defaults.get())) + " " + v(a->expirationDateWithDefaults(defaults.get())) +
                    " " + v(a->accessTokenWithDefaults(defaults.get())));
-  }
   EXPECT_EQ(seen, (std::vector<std::string>{"~/Account/p1 \"1001\" \"ann\" \"http://pic/ann\" @123.5 nil",
                                             "~/Account/p2 nil \"nobody\" nil nil nil",
                                             "~/Account/p3 \"1003\" \"carl\" nil 7 nil"}));  // handed on as stored
   EXPECT_TRUE(log.contains("Account storage UserAccountsT is not a dictionary: NSString"));
-  const Account& ann = *(*accounts)[0];
-  EXPECT_EQ(ann.valueForKey("uid").get(), ann.userid().get());
+  EXPECT_EQ((*accounts)[0]->valueForKey("uid").get(), (*accounts)[0]->userid().get());
   EXPECT_EQ(std::regex_replace((*accounts)[1]->description(), std::regex("0x[0-9a-f]+"), "0x?"),
-            std::string("<Account: 0x?> (entity: Account; id: <x-coredata://") + kUUID +
+            std::string("<Account: 0x?> (entity: Account; id: <x-coredata://") + InstaGramStore::kUUID +
                 "/Account/p2>; data: {\n    name = nobody;\n    uid = nil;\n})");
 }
 
@@ -296,15 +248,9 @@ TEST(LegacyIntegerValue, ReadsNumbersAndLeadingDigitsOfTexts) {
   for (const auto& [value, expected] : cases) EXPECT_EQ(legacy_integer_value(value.get()), expected);
 }
 
-// -- Stores that lack what a fetch needs --------------------------------------------------------------
-
 TEST(Fetches, GiveNothingWithALogLineWhenTheStoreLacksATableOrColumn) {
-  struct Case {
-    const char* sql;
-    const char* works;  // the fetches that still give something
-    const char* log;
-  };
-  const std::vector<Case> cases = {
+  const std::vector<std::tuple<const char*, const char*, const char*>> cases = {
+      // {damage, the fetches that still give something, log line}; order 1 needs the member counts
       {"DROP TABLE ZIMAGELIST", "accounts friends", "Store fetch of ImageList failed: the store has no table ZIMAGELIST"},
       {"ALTER TABLE ZFRIEND DROP COLUMN ZADDED", "accounts albums titles images",
        "Store fetch of Friend failed: the table ZFRIEND has no column ZADDED"},
@@ -312,39 +258,37 @@ TEST(Fetches, GiveNothingWithALogLineWhenTheStoreLacksATableOrColumn) {
        "Store fetch of Account failed: the table ZACCOUNT has no column ZNAME"},
       {"DELETE FROM Z_PRIMARYKEY WHERE Z_NAME = 'Friend'", "accounts albums titles images",
        "Store fetch of Friend failed: the store has no entity Friend"},
+      {"DELETE FROM Z_PRIMARYKEY WHERE Z_NAME = 'ImageItem'", "accounts friends titles",
+       "Store fetch of ImageList failed: no entity ImageItem"},
       {"ALTER TABLE ZIMAGEITEM DROP COLUMN ZDICTIONARY", "accounts albums friends titles",
        "Store fetch of ImageItem failed: the table ZIMAGEITEM has no column ZDICTIONARY"},
-      // Order 1 needs the member counts, so a missing relationship fails the album fetch too.
       {"DROP INDEX ZIMAGEITEM_ZLIST_INDEX; ALTER TABLE ZIMAGEITEM DROP COLUMN ZLIST", "accounts friends titles",
        "Store fetch of ImageList failed: no column or join table holds ImageList.images"},
   };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.sql);
+  for (const auto& [damage, expected, line] : cases) {
+    SCOPED_TRACE(damage);
     Home home;
     home.write_store([&](InstaGramStore& s) {
       write_albums(s);
       write_friends(s);
-      s.db().exec(c.sql);
+      s.add(damage);
     });
     home.set_preferences(dict({{"WZAlbumsOrderIndex", num(1)}}));
     const auto before = home.snapshot();
-    {
-      LogCapture log;
-      auto wrapper = home.attach();
-      const StoreContext& context = wrapper->managedObjectContext();
-      auto by_title = ImageList::albumsInContext(context, 0);
-      std::string works;
-      for (auto [name, ok] : std::initializer_list<std::pair<const char*, bool>>{
-               {"accounts", wrapper->currentAccounts().has_value()},
-               {"albums", wrapper->currentAlbums().has_value()},
-               {"friends", !Friend::favouriteUsersForAccount(nullptr, nullptr, context).empty()},
-               {"titles", by_title.has_value()},
-               {"images", by_title && (*by_title)[1]->enumerateImages([](const ImageItemRow&) { return true; })}}) {
-        if (ok) works += std::string(works.empty() ? "" : " ") + name;
-      }
-      EXPECT_EQ(works, c.works);
-      EXPECT_TRUE(log.contains(c.log)) << testing::PrintToString(log.lines());
-    }
+    LogCapture log;
+    auto wrapper = home.attach();
+    const StoreContext& context = wrapper->managedObjectContext();
+    auto by_title = ImageList::albumsInContext(context, 0);
+    std::string works;
+    for (auto [name, ok] : std::initializer_list<std::pair<const char*, bool>>{
+             {"accounts", wrapper->currentAccounts().has_value()},
+             {"albums", wrapper->currentAlbums().has_value()},
+             {"friends", !Friend::favouriteUsersForAccount(nullptr, nullptr, context).empty()},
+             {"titles", by_title.has_value()},
+             {"images", by_title && (*by_title)[1]->enumerateImages([](const ImageItemRow&) { return true; })}})
+      if (ok) works += std::string(works.empty() ? "" : " ") + name;
+    EXPECT_EQ(works, expected);
+    EXPECT_TRUE(log.contains(line)) << testing::PrintToString(log.lines());
     EXPECT_EQ(home.snapshot(), before);
   }
 }
@@ -353,37 +297,26 @@ TEST(Fetches, SurviveACorruptTablePage) {
   Home home;
   home.write_store([](InstaGramStore& s) {
     write_friends(s);
-    s.album(1, "big", 1.0);
+    s.album(1, "big", "1");
     for (int i = 0; i < 300; ++i) s.item(1000 + i, 1, std::string(600, 'm'));
-    s.finish();
   });
   // Overwrite the media table's root page with garbage; the schema stays readable.
-  std::int64_t root = 0;
-  {
-    test::TestDb db(home.store_path());
-    sqlite3_stmt* stmt = nullptr;
-    sqlite3_prepare_v2(db.get(), "SELECT rootpage FROM sqlite_master WHERE name = 'ZIMAGEITEM'", -1, &stmt, nullptr);
-    ASSERT_EQ(sqlite3_step(stmt), SQLITE_ROW);
-    root = sqlite3_column_int64(stmt, 0);
-    sqlite3_finalize(stmt);
-  }
+  const std::int64_t root = std::stoll(test::TestDb(home.store_path()).scalar("SELECT rootpage FROM sqlite_master WHERE name = 'ZIMAGEITEM'"));
   std::string bytes = test::read_file(home.store_path());
   for (std::size_t i = 0; i < 4096; ++i) bytes[(root - 1) * 4096 + i] = static_cast<char>(0x5C ^ (i * 13));
   test::write_file(home.store_path(), bytes);
   const auto before = home.snapshot();
-  {
-    LogCapture log;
-    auto wrapper = home.attach();
-    ASSERT_TRUE(wrapper->currentAccounts());
-    EXPECT_EQ(wrapper->currentFriendsInAccount(nullptr).size(), 2u);
-    auto albums = wrapper->currentAlbums();
-    ASSERT_TRUE(albums);
-    ASSERT_EQ(albums->size(), 1u);
-    EXPECT_FALSE((*albums)[0]->enumerateImages([](const ImageItemRow&) { return true; }));
-    bool logged = false;
-    for (const auto& line : log.lines()) logged |= line.rfind("Store fetch of ImageList.images failed: ", 0) == 0;
-    EXPECT_TRUE(logged) << testing::PrintToString(log.lines());
-  }
+  LogCapture log;
+  auto wrapper = home.attach();
+  ASSERT_TRUE(wrapper->currentAccounts());
+  EXPECT_EQ(wrapper->currentFriendsInAccount(nullptr).size(), 2u);
+  auto albums = wrapper->currentAlbums();
+  ASSERT_TRUE(albums && albums->size() == 1u);
+  EXPECT_FALSE((*albums)[0]->enumerateImages([](const ImageItemRow&) { return true; }));
+  const auto lines = log.lines();
+  EXPECT_TRUE(std::any_of(lines.begin(), lines.end(), [](const std::string& l) {
+    return l.rfind("Store fetch of ImageList.images failed: ", 0) == 0;
+  })) << testing::PrintToString(lines);
   EXPECT_EQ(home.snapshot(), before);
 }
 

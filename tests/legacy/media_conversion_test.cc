@@ -6,58 +6,45 @@
 
 #include <algorithm>
 #include <functional>
+#include <sstream>
 
 #include "platform/bplist_format.h"
 #include "platform/keyed_archive.h"
 #include "platform/log.h"
+#include "platform/plist.h"
 #include "support/streamed_list.h"
 
 namespace orvia {
 namespace {
 
-Ref<Dictionary> full_record() {
-  return mutable_dict({
-      {"id", str("123_456")},
-      {"link", str("https://photos.example/p/BAbCdEf")},
-      {"type", str("image")},
-      {"created_time", str("1300000000")},  // never read: only the caption's time is
-      {"caption", dict({{"id", str("c1")},
-                        {"text", str("hello")},
-                        {"created_time", str("1400000000")},
-                        {"from", dict({{"id", str("456")}, {"username", str("ann")}})}})},
-      {"images", dict({{"standard_resolution", dict({{"url", str("https://s/640.jpg")}, {"width", num(1080)}})},
-                       {"low_resolution", dict({{"url", str("https://s/320.jpg")}, {"width", num(320)}})}})},
-      {"likes", dict({{"count", num(5)}})},
-      {"comments", dict({{"count", num(2)}})},
-      {"user", dict({{"id", str("456")},
-                     {"username", str("ann")},
-                     {"full_name", str("Ann A")},
-                     {"profile_picture", str("https://p/ann.jpg")}})},
-      {"user_has_liked", boolean(true)},
-  });
+Ref<Dictionary> full_record() {  // its own created_time is never read: only the caption's time is
+  return mutable_dict(
+      {{"id", str("123_456")}, {"link", str("https://photos.example/p/BAbCdEf")}, {"type", str("image")},
+       {"created_time", str("1300000000")},
+       {"caption", dict({{"id", str("c1")}, {"text", str("hello")}, {"created_time", str("1400000000")},
+                         {"from", dict({{"id", str("456")}, {"username", str("ann")}})}})},
+       {"images", dict({{"standard_resolution", dict({{"url", str("https://s/640.jpg")}, {"width", num(1080)}})},
+                        {"low_resolution", dict({{"url", str("https://s/320.jpg")}, {"width", num(320)}})}})},
+       {"likes", dict({{"count", num(5)}})}, {"comments", dict({{"count", num(2)}})},
+       {"user", dict({{"id", str("456")}, {"username", str("ann")}, {"full_name", str("Ann A")},
+                      {"profile_picture", str("https://p/ann.jpg")}})},
+       {"user_has_liked", boolean(true)}});
 }
 
 // A value tree as text that tells the kinds apart: "text", 7 (integer), 7.5r (real), YES/NO (boolean),
 // null, [items] and {key: value} with keys in their stored order.
 std::string shape(const Object* o) {
-  if (!o) return "nil";
-  if (const String* s = as_string(o)) return '"' + s->str() + '"';
-  if (const Number* n = as_number(o)) {
-    if (n->is_bool()) return n->bool_value() ? "YES" : "NO";
-    return n->is_real() ? std::to_string(n->real_value()) + "r" : std::to_string(n->int_value());
+  const Number* n = as_number(o);
+  if (!o || as_string(o) || n) {
+    return !o ? "nil" : as_string(o) ? '"' + as_string(o)->str() + '"' : n->is_bool() ? (n->bool_value() ? "YES" : "NO")
+           : n->is_real() ? std::to_string(n->real_value()) + "r" : std::to_string(n->int_value());
   }
-  if (const Array* a = as_array(o)) {
-    std::string out = "[";
-    for (const auto& item : a->items()) out += (out.size() > 1 ? ", " : "") + shape(item.get());
-    return out + "]";
-  }
-  if (const Dictionary* d = as_dict(o)) {
-    std::string out = "{";
-    for (const auto& [k, v] : d->entries())
-      out += (out.size() > 1 ? ", " : "") + std::string(text_of(k.get())) + ": " + shape(v.get());
-    return out + "}";
-  }
-  return is_null(o) ? "null" : std::string(o->class_name());
+  std::string out;
+  if (const Array* a = as_array(o))
+    for (const auto& item : a->items()) out += (out.empty() ? "" : ", ") + shape(item.get());
+  if (const Dictionary* d = as_dict(o))
+    for (const auto& [k, v] : d->entries()) out += (out.empty() ? "" : ", ") + std::string(text_of(k.get())) + ": " + shape(v.get());
+  return as_array(o) ? "[" + out + "]" : as_dict(o) ? "{" + out + "}" : is_null(o) ? "null" : std::string(o->class_name());
 }
 
 // The conversion of full_record(): the 24 keys in order. Sizes are fixed, whatever the stored widths; the
@@ -80,39 +67,27 @@ TEST(MediaConversion, MapsACompleteRecordKeyForKey) {
   Ref<Dictionary> out = convertedDictionary(stored.get());
   EXPECT_TRUE(out->is_mutable());
   EXPECT_EQ(shape(out.get()), kFullConversion);
-  // Values taken over are the stored objects themselves, and values used twice one object.
+  // Values taken over are the stored objects themselves, and values used twice one object; every call
+  // makes a new dictionary.
   const Dictionary* caption = as_dict(out->get("caption"));
   ASSERT_TRUE(caption);
   const Object* time = as_dict(stored->get("caption"))->get("created_time");
-  for (const char* key : {"taken_at", "device_timestamp"}) EXPECT_EQ(out->get(key), time) << key;
-  for (const char* key : {"created_at", "created_at_utc"}) EXPECT_EQ(caption->get(key), time) << key;
-  EXPECT_EQ(out->get("id"), stored->get("id"));
-  EXPECT_EQ(caption->get("user"), out->get("user"));
-  EXPECT_EQ(caption->get("media_id"), out->get("pk"));
-  EXPECT_NE(out->get("likers"), out->get("preview_comments"));
-  // Every call makes a new dictionary.
+  for (const Object* o : {out->get("taken_at"), out->get("device_timestamp"), caption->get("created_at"), caption->get("created_at_utc")})
+    EXPECT_EQ(o, time);
+  EXPECT_TRUE(out->get("id") == stored->get("id") && caption->get("user") == out->get("user") &&
+              caption->get("media_id") == out->get("pk") && out->get("likers") != out->get("preview_comments"));
   EXPECT_NE(convertedDictionary(stored.get()).get(), out.get());
 }
 
 // The entries at the given key paths of a conversion ("caption.text" reaches into the caption, "#" is
 // the number of entries), as one line of "path=shape" items.
-std::string pick(const Dictionary& out, std::string_view paths) {
-  std::string line;
-  for (std::size_t from = 0; from < paths.size();) {
-    const std::size_t end = std::min(paths.find(' ', from), paths.size());
-    const std::string path(paths.substr(from, end - from));
-    from = end + 1;
-    std::string value = std::to_string(out.size());
-    if (path != "#") {
-      const Object* at = &out;
-      for (std::size_t part = 0; at && part <= path.size();) {
-        const std::size_t dot = std::min(path.find('.', part), path.size());
-        at = as_dict(at) ? as_dict(at)->get(path.substr(part, dot - part)) : nullptr;
-        part = dot + 1;
-      }
-      value = shape(at);
-    }
-    line += (line.empty() ? "" : " ") + path + "=" + value;
+std::string pick(const Dictionary& out, const std::string& paths) {
+  std::string line, path;
+  for (std::istringstream in(paths); in >> path;) {
+    const Object* at = &out;
+    for (std::size_t part = 0; at && part <= path.size(); part = std::min(path.find('.', part), path.size()) + 1)
+      at = as_dict(at) ? as_dict(at)->get(path.substr(part, path.find('.', part) - part)) : nullptr;
+    line += (line.empty() ? "" : " ") + path + "=" + (path == "#" ? std::to_string(out.size()) : shape(at));
   }
   return line;
 }
@@ -134,10 +109,7 @@ TEST(MediaConversion, HandlesIncompleteAndOddRecords) {
       {"link without /", set("link", str("BAbCdEf")), "code", R"(code="BAbCdEf")"},
       {"videos", set("videos", dict({{"standard_resolution", dict({})}})), "media_type", "media_type=2"},
       {"videos stored as null", set("videos", null), "media_type", "media_type=2"},
-      {"no likes, comments or user_has_liked",
-       [](Dictionary& s) {
-         for (const char* key : {"likes", "comments", "user_has_liked"}) s.remove(key);
-       },
+      {"no likes, comments or user_has_liked", [](Dictionary& s) { s.remove("likes"), s.remove("comments"), s.remove("user_has_liked"); },
        "like_count comment_count has_liked #", "like_count=nil comment_count=nil has_liked=nil #=21"},
       {"user_has_liked stored as null", set("user_has_liked", null), "has_liked", "has_liked=null"},
       {"no caption", [](Dictionary& s) { s.remove("caption"); }, "taken_at device_timestamp caption",
@@ -206,75 +178,64 @@ TEST(MediaConversion, ConvertsUnreadableRecordsFromAnEmptyRecord) {
 
 // ---- reading only the values taken, against decoding whole
 
-// A keyed archive written entry by entry, so that a test can shape what archivers never write.
+// A keyed archive written entry by entry, so that a test can shape what archivers never write: UIDs
+// number the entries of "$objects" ("$null" is 0); Raw values are entries of the property list.
 class Sketch {
  public:
-  Sketch() { objects_.push_back(b_.add_string("$null")); }
-  std::uint64_t string(std::string_view text) { return value(b_.add_string(text)); }
-  std::uint64_t integer(std::int64_t v) { return value(b_.add_int(v)); }
-  std::uint64_t boolean_value(bool v) { return value(b_.add_bool(v)); }
-  std::uint64_t null_object() { return value(b_.add_null()); }
-  std::uint64_t class_record(std::string_view name) {
-    const std::uint32_t names[] = {b_.add_string(name), b_.add_string("NSObject")};
-    const std::uint32_t list = b_.reserve();
-    b_.set_array(list, names, 2);
-    const std::uint32_t keys[] = {b_.add_string("$classname"), b_.add_string("$classes")};
-    const std::uint32_t values[] = {b_.add_string(name), list};
-    const std::uint32_t d = b_.reserve();
-    b_.set_dict(d, keys, values, 2);
-    return value(d);
+  using U = std::uint64_t;
+  using Raw = std::uint32_t;
+  using Fields = std::vector<std::pair<std::string, Raw>>;
+  Sketch() { push(b_.add_string("$null")); }
+  U string(std::string_view text) { return push(b_.add_string(text)); }
+  U integer(std::int64_t v) { return push(b_.add_int(v)); }
+  U boolean_value(bool v) { return push(b_.add_bool(v)); }
+  U null_object() { return push(b_.add_null()); }
+  U slot() { return push(b_.reserve()); }
+  U class_record(std::string_view name) {
+    return push(dict({{"$classname", b_.add_string(name)}, {"$classes", list({b_.add_string(name), b_.add_string("NSObject")})}}));
   }
-  std::uint64_t slot() { return value(b_.reserve()); }
-  // A record with lists of UIDs under list keys ("NS.keys", "NS.objects") and single UIDs under others.
-  void record(std::uint64_t at, std::uint64_t cls, const std::vector<std::pair<std::string, std::vector<std::uint64_t>>>& lists,
-              const std::vector<std::pair<std::string, std::uint64_t>>& fields = {}) {
-    std::vector<std::uint32_t> keys, values;
-    for (const auto& [key, uids] : lists) {
-      std::vector<std::uint32_t> refs;
-      for (std::uint64_t u : uids) refs.push_back(b_.add_uid(u));
-      const std::uint32_t list = b_.reserve();
-      b_.set_array(list, refs.data(), refs.size());
-      keys.push_back(b_.add_string(key));
-      values.push_back(list);
-    }
-    for (const auto& [key, uid] : fields) {
-      keys.push_back(b_.add_string(key));
-      values.push_back(b_.add_uid(uid));
-    }
-    if (cls) {
-      keys.push_back(b_.add_string("$class"));
-      values.push_back(b_.add_uid(cls));
-    }
-    b_.set_dict(objects_[at], keys.data(), values.data(), keys.size());
+  Raw uid(U u) { return b_.add_uid(u); }
+  Raw uids(const std::vector<U>& us) {
+    std::vector<Raw> refs;
+    for (U u : us) refs.push_back(uid(u));
+    return list(refs);
   }
-  std::uint64_t dictionary(std::uint64_t cls, const std::vector<std::pair<std::uint64_t, std::uint64_t>>& entries) {
-    const std::uint64_t at = slot();
-    std::vector<std::uint64_t> keys, values;
+  // Fills a slot with a record of class `cls` (none: without "$class").
+  void record(U at, U cls, Fields fields) {
+    if (cls) fields.push_back({"$class", uid(cls)});
+    dict(fields, objects_[at]);
+  }
+  U dictionary(U cls, const std::vector<std::pair<U, U>>& entries) {
+    const U at = slot();
+    std::vector<U> keys, values;
     for (const auto& [k, v] : entries) keys.push_back(k), values.push_back(v);
-    record(at, cls, {{"NS.keys", keys}, {"NS.objects", values}});
+    record(at, cls, {{"NS.keys", uids(keys)}, {"NS.objects", uids(values)}});
     return at;
   }
-  std::string bytes(std::uint64_t root) {
-    const std::uint32_t list = b_.reserve();
-    b_.set_array(list, objects_.data(), objects_.size());
-    const std::uint32_t tk = b_.add_string("root"), tv = b_.add_uid(root);
-    const std::uint32_t top_dict = b_.reserve();
-    b_.set_dict(top_dict, &tk, &tv, 1);
-    const std::uint32_t keys[] = {b_.add_string("$version"), b_.add_string("$archiver"), b_.add_string("$top"),
-                                  b_.add_string("$objects")};
-    const std::uint32_t values[] = {b_.add_int(100000), b_.add_string("NSKeyedArchiver"), top_dict, list};
-    const std::uint32_t top = b_.reserve();
-    b_.set_dict(top, keys, values, 4);
-    return b_.write(top);
+  std::string bytes(U root) {
+    return b_.write(dict({{"$version", b_.add_int(100000)}, {"$archiver", b_.add_string("NSKeyedArchiver")},
+                          {"$top", dict({{"root", uid(root)}})}, {"$objects", list(objects_)}}));
   }
 
  private:
-  std::uint64_t value(std::uint32_t index) {
+  U push(Raw index) {
     objects_.push_back(index);
     return objects_.size() - 1;
   }
+  Raw list(const std::vector<Raw>& refs) {
+    const Raw at = b_.reserve();
+    b_.set_array(at, refs.data(), refs.size());
+    return at;
+  }
+  Raw dict(const Fields& fields, std::optional<Raw> at = std::nullopt) {
+    std::vector<Raw> keys, values;
+    for (const auto& [k, v] : fields) keys.push_back(b_.add_string(k)), values.push_back(v);
+    if (!at) at = b_.reserve();
+    b_.set_dict(*at, keys.data(), values.data(), keys.size());
+    return *at;
+  }
   bplist::Builder b_;
-  std::vector<std::uint32_t> objects_;
+  std::vector<Raw> objects_;
 };
 
 TEST(MediaConversion, ReadingOnlyTheTakenValuesConvertsExactlyAsDecodingWhole) {
@@ -312,9 +273,7 @@ TEST(MediaConversion, ReadingOnlyTheTakenValuesConvertsExactlyAsDecodingWhole) {
   auto one_record = [](const char* cls, const char* field, const char* text, const char* key) -> Shape {
     return [=](Sketch& s, std::uint64_t, Root& root) {
       const std::uint64_t c = cls ? s.class_record(cls) : 0, o = s.slot();
-      std::vector<std::pair<std::string, std::uint64_t>> fields;
-      if (field) fields.push_back({field, s.string(text)});
-      s.record(o, c, {}, fields);
+      s.record(o, c, field ? Sketch::Fields{{field, s.uid(s.string(text))}} : Sketch::Fields{});
       if (key && *key) root.push_back({s.string(key), o});
       if (key && !*key) root.insert(root.begin(), {o, s.string("first")});
     };
@@ -348,7 +307,7 @@ TEST(MediaConversion, ReadingOnlyTheTakenValuesConvertsExactlyAsDecodingWhole) {
        })},
       {"keys without values and the null object as key", Reads, record([](Sketch& s, std::uint64_t dict_class, Root& root) {
          const std::uint64_t extra = s.slot();
-         s.record(extra, dict_class, {{"NS.keys", {s.string("count"), s.string("x")}}, {"NS.objects", {s.integer(3)}}});
+         s.record(extra, dict_class, {{"NS.keys", s.uids({s.string("count"), s.string("x")})}, {"NS.objects", s.uids({s.integer(3)})}});
          root.push_back({s.string("comments"), extra});
          root.push_back({s.null_object(), s.string("ignored")});
        })},
@@ -356,28 +315,20 @@ TEST(MediaConversion, ReadingOnlyTheTakenValuesConvertsExactlyAsDecodingWhole) {
        record([](Sketch& s, std::uint64_t, Root& root) {
          const std::uint64_t array_class = s.class_record("NSMutableArray"), list = s.slot();
          root[0].second = list;
-         s.record(list, array_class, {{"NS.objects", {list, s.string("x")}}});
+         s.record(list, array_class, {{"NS.objects", s.uids({list, s.string("x")})}});
        })},
       {"a string record as key", Declines, record(one_record("NSMutableString", "NS.string", "id", ""))},
       {"a record of another class", Declines, record(one_record("SomethingElse", "name", "x", "attribution"))},
       {"a damaged entry nobody reaches", Declines, record(one_record(nullptr, "name", "no class", nullptr))},
-      {"a root that is not a dictionary", Declines,
-       [] {
+      {"a root that is not a dictionary", Declines, [] {
          Sketch s;
          return s.bytes(s.string("just text"));
        }},
-      {"the XML form", Declines,
-       [] {
-         return std::string(
-             "<?xml version=\"1.0\" encoding=\"UTF-8\"?><plist version=\"1.0\"><dict>"
-             "<key>$archiver</key><string>NSKeyedArchiver</string><key>$version</key><integer>100000</integer>"
-             "<key>$top</key><dict><key>root</key><dict><key>CF$UID</key><integer>1</integer></dict></dict>"
-             "<key>$objects</key><array><string>$null</string>"
-             "<dict><key>NS.keys</key><array><dict><key>CF$UID</key><integer>3</integer></dict></array>"
-             "<key>NS.objects</key><array><dict><key>CF$UID</key><integer>4</integer></dict></array>"
-             "<key>$class</key><dict><key>CF$UID</key><integer>2</integer></dict></dict>"
-             "<dict><key>$classname</key><string>NSDictionary</string></dict><string>id</string><string>9_1</string>"
-             "</array></dict></plist>");
+      {"the XML form", Declines, [] {  // XML writes a UID as a dictionary of "CF$UID"
+         auto u = [](int n) { return dict({{"CF$UID", num(n)}}); };
+         return write_xml_plist(dict({{"$archiver", str("NSKeyedArchiver")}, {"$version", num(100000)}, {"$top", dict({{"root", u(1)}})},
+                                      {"$objects", array({str("$null"), dict({{"NS.keys", array({u(3)})}, {"NS.objects", array({u(4)})}, {"$class", u(2)}}),
+                                                          dict({{"$classname", str("NSDictionary")}}), str("id"), str("9_1")})}}).get()).value();
        }},
   };
   for (const bool pad : {false, true})
@@ -389,10 +340,7 @@ TEST(MediaConversion, ReadingOnlyTheTakenValuesConvertsExactlyAsDecodingWhole) {
     const std::string whole = archive_root(convertedDictionary(decoded.ok() ? decoded.value().get() : nullptr).get());
     std::optional<Ref<Dictionary>> quick = convertedDictionaryByLookup(bytes);
     EXPECT_EQ(quick.has_value(), c.expect == Reads);
-    if (quick) {
-      EXPECT_TRUE(decoded.ok());
-      EXPECT_TRUE(archive_root(quick->get()) == whole);
-    }
+    EXPECT_TRUE(!quick || (decoded.ok() && archive_root(quick->get()) == whole));
     // Whichever way it goes, the album builder's entry point converts as decoding whole does.
     LogCapture log;
     const std::string_view view = bytes;
