@@ -23,8 +23,8 @@ Ref<MQImporterNodeFolder> folder(std::string_view title, std::uint64_t contents)
 // Each record of an archive, in $objects order: its class chain, then its keys in archived order with
 // the kind of each number (=b a boolean, =i an integer, =r a real), one record a line.
 std::string wire_summary(const std::string& archive) {
-  auto plist = read_binary_plist(archive);
-  const Array* objects = as_array(as_dict(plist.value().get())->get("$objects"));
+  const Ref<Object> plist = read_binary_plist(archive).value();
+  const Array* objects = as_array(as_dict(plist.get())->get("$objects"));
   std::string out;
   for (const auto& o : objects->items()) {
     const Dictionary* rec = as_dict(o.get());
@@ -33,9 +33,8 @@ std::string wire_summary(const std::string& archive) {
     for (const auto& name : as_array(cls->get("$classes"))->items()) out += std::string(text_of(name.get())) + ",";
     out.back() = ':';
     for (const auto& [key, value] : rec->entries()) {
-      if (text_of(key.get()) == "$class") continue;
       const Number* n = as_number(value.get());
-      out += " " + std::string(text_of(key.get())) + (!n ? "" : n->is_bool() ? "=b" : n->is_real() ? "=r" : "=i");
+      if (text_of(key.get()) != "$class") out += " " + std::string(text_of(key.get())) + (!n ? "" : n->is_bool() ? "=b" : n->is_real() ? "=r" : "=i");
     }
     out += "\n";
   }
@@ -43,42 +42,28 @@ std::string wire_summary(const std::string& archive) {
 }
 
 TEST_F(RecordsTest, EveryRecordClassWritesItsKeysAndReadsThemBack) {
-  // Values of every kind in each member a class archives.
-  auto root = folder("Root", 4);
-  root->isRoot = true;
-  root->identifier = str("com.brenvik.velmora.folderFavFriendIdentifier");
+  // Values of every kind in each member a class archives, one record a line.
+  auto root = folder("Root", 4), sub = folder("Sub", 4);
+  root->isRoot = true, root->identifier = str("com.brenvik.velmora.folderFavFriendIdentifier");
   auto fr = make<MQImporterNodeFriend>();
-  fr->type = MQImporterNodeTypeFriend;
-  fr->mediaCount = 12;
-  fr->added = date(123456.5);
-  fr->imageURLString = fr->username = str("ünï");
-  fr->uid = str("42");
-  fr->ignoreInExport = true;
-  auto sub = folder("Sub", 4);
+  fr->type = MQImporterNodeTypeFriend, fr->mediaCount = 12, fr->added = date(123456.5), fr->imageURLString = fr->username = str("ünï");
+  fr->uid = str("42"), fr->ignoreInExport = true;
   sub->appendChild(fr);
   auto tag = make<MQImporterNodeTag>();
-  tag->tagName = str("sunset");
-  tag->tagCount = 7;
+  tag->tagName = str("sunset"), tag->tagCount = 7;
   auto loc = make<MQImporterNodeLocation>();
-  loc->latitude = real(47.37);
-  loc->longitude = real(-8.5);
-  loc->name = str("Zürich");
+  loc->latitude = real(47.37), loc->longitude = real(-8.5), loc->name = str("Zürich");
   auto album = make<MQImporterNodeAlbum>();
-  album->albumName = str("Trip");
-  album->items = array({dict({{"pk", str("1")}, {"converted_from_orvia4", boolean(true)}, {"filter_type", num(0)}})});
+  album->albumName = str("Trip"), album->items = array({dict({{"pk", str("1")}, {"converted_from_orvia4", boolean(true)}, {"filter_type", num(0)}})});
   auto blocked = make<MQImporterNodeBlacklist>();
-  blocked->userid = str("1234");
-  blocked->username = str("spammer");
+  blocked->userid = str("1234"), blocked->username = str("spammer");
   auto stats = make<MQImporterNodeStatistics>();
   stats->path = str("/home/u/x.db");
   for (const Ref<MQImporterNode>& n : std::vector<Ref<MQImporterNode>>{sub, tag, loc, album, blocked, stats}) root->appendChild(n);
   auto account = make<MQImporterAccount>();
   account->userid = str("u1");
   auto result = make<MQImporterNodeResult>();
-  result->account = account;
-  result->tags = root;
-  result->statistics = stats;
-  result->blacklist = folder("Blacklist", 5);  // not archived
+  result->account = account, result->tags = root, result->statistics = stats, result->blacklist = folder("Blacklist", 5);  // not archived
   const std::string bytes = archive_root(result.get());
   const std::string node = "MQImporterNode,NSObject: identifier type=i ignore=b isRoot=b";
   EXPECT_EQ(wire_summary(bytes),
@@ -92,19 +77,18 @@ TEST_F(RecordsTest, EveryRecordClassWritesItsKeysAndReadsThemBack) {
             "MQImporterNodeAlbum," + node + " albumName items\n"
             "MQImporterNodeBlacklist," + node + " uid username\n"
             "MQImporterNodeStatistics," + node + " path\n");
-
   // Read back into the registered classes, every key into its member: archived again, the same bytes.
   auto back = unarchive(bytes);
   ASSERT_TRUE(back.ok()) << back.error().message;
-  auto* result_back = dynamic_cast<MQImporterNodeResult*>(back.value().get());
+  auto* result_back = as<MQImporterNodeResult>(back.value());
   ASSERT_NE(result_back, nullptr);
   EXPECT_TRUE(archive_root(result_back) == bytes);
-  auto* root_back = dynamic_cast<MQImporterNodeFolder*>(result_back->tags.get());
+  auto* root_back = as<MQImporterNodeFolder>(result_back->tags);
   ASSERT_TRUE(root_back && root_back->childList()->size() == 6u);
-  EXPECT_NE(dynamic_cast<MQImporterAccount*>(result_back->account.get()), nullptr);
-  EXPECT_NE(dynamic_cast<MQImporterNodeFriend*>(dynamic_cast<MQImporterNodeFolder*>(root_back->childList()->at(0).get())->childList()->at(0).get()), nullptr);
-  EXPECT_EQ(dynamic_cast<MQImporterNodeStatistics*>(root_back->childList()->at(5).get()), result_back->statistics.get());
-  EXPECT_TRUE(dynamic_cast<MQImporterNodeStatistics*>(result_back->statistics.get())->hasChildren());
+  EXPECT_NE(as<MQImporterAccount>(result_back->account), nullptr);
+  EXPECT_NE(as<MQImporterNodeFriend>(as<MQImporterNodeFolder>(root_back->childList()->at(0))->childList()->at(0)), nullptr);
+  EXPECT_EQ(as<MQImporterNodeStatistics>(root_back->childList()->at(5)), result_back->statistics.get());
+  EXPECT_TRUE(as<MQImporterNodeStatistics>(result_back->statistics)->hasChildren());
 }
 
 TEST_F(RecordsTest, MissingAndOddKeysDecodeAsNothingOrAsStored) {
@@ -114,31 +98,27 @@ TEST_F(RecordsTest, MissingAndOddKeysDecodeAsNothingOrAsStored) {
     r->mutable_fields() = std::move(fields);
     return r;
   };
-  auto node = record({"MQImporterNodeBlacklist", "MQImporterNode", "NSObject"}, {{"uid", num(77), false}});
-  auto odd = record({"MQImporterNodeTag", "MQImporterNode", "NSObject"}, {{"type", num(9), true}});
-  auto account = record({"MQImporterAccount", "NSObject"}, {{"uid", str("u1"), false}});
-  auto result = record({"MQImporterNodeResult", "NSObject"}, {{"account", account, false}, {"tags", odd, false}, {"albums", node, false}});
+  auto result = record({"MQImporterNodeResult", "NSObject"},
+                       {{"account", record({"MQImporterAccount", "NSObject"}, {{"uid", str("u1"), false}}), false},
+                        {"tags", record({"MQImporterNodeTag", "MQImporterNode", "NSObject"}, {{"type", num(9), true}}), false},
+                        {"albums", record({"MQImporterNodeBlacklist", "MQImporterNode", "NSObject"}, {{"uid", num(77), false}}), false}});
   auto decoded = unarchive(archive_root(result.get()));
   ASSERT_TRUE(decoded.ok()) << decoded.error().message;
-  auto* back = dynamic_cast<MQImporterNodeResult*>(decoded.value().get());
+  auto* back = as<MQImporterNodeResult>(decoded.value());
   ASSERT_NE(back, nullptr);
   EXPECT_FALSE(back->ignoreInExport);
-  auto* acc = dynamic_cast<MQImporterAccount*>(back->account.get());
-  EXPECT_EQ(text_of(acc->userid.get()), "u1");
-  EXPECT_EQ(acc->username, nullptr);
-  EXPECT_EQ(dynamic_cast<MQImporterNodeTag*>(back->tags.get())->type, 9u);
-  auto* b = dynamic_cast<MQImporterNodeBlacklist*>(back->albums.get());
-  EXPECT_EQ(b->type, 0u);
-  EXPECT_FALSE(b->isRoot);
+  EXPECT_EQ(text_of(as<MQImporterAccount>(back->account)->userid.get()), "u1");
+  EXPECT_EQ(as<MQImporterAccount>(back->account)->username, nullptr);
+  EXPECT_EQ(as<MQImporterNodeTag>(back->tags)->type, 9u);
+  auto* b = as<MQImporterNodeBlacklist>(back->albums);
+  EXPECT_TRUE(b->type == 0u && !b->isRoot);
   EXPECT_EQ(as_number(b->userid.get())->int_value(), 77);
 }
 
 TEST_F(RecordsTest, FolderChildrenAppendAndCopySemantics) {
   auto never = make<MQImporterNodeFolder>();
   never->appendChild(make<MQImporterNodeTag>());
-  EXPECT_EQ(never->children, nullptr);
-  EXPECT_FALSE(never->hasChildren());
-
+  EXPECT_TRUE(never->children == nullptr && !never->hasChildren());
   auto f = folder("f", 1);
   EXPECT_FALSE(f->hasChildren());
   auto t = make<MQImporterNodeTag>();
@@ -148,7 +128,6 @@ TEST_F(RecordsTest, FolderChildrenAppendAndCopySemantics) {
   f->appendChild(t);
   EXPECT_EQ(as_array(before.get())->size(), 1u);
   ASSERT_EQ(f->childList()->size(), 2u);
-
   Ref<MQImporterNode> copy = f->copy();
   auto* fc = dynamic_cast<MQImporterNodeFolder*>(copy.get());
   ASSERT_TRUE(fc && fc != f.get());
@@ -160,9 +139,8 @@ TEST_F(RecordsTest, FolderChildrenAppendAndCopySemantics) {
 
 TEST(AccountRecord, ImageURLParsesOnlyAddresses) {
   const std::pair<Ref<Object>, bool> cases[] = {
-      {nullptr, false},         {str(""), false},       {str("https://pic.example/a b.jpg"), false},
-      {str("https://pic.example/p.jpg?s=1&x=%20"), true}, {str("relative/path.jpg"), true},
-      {str("1http://x"), false}, {str("ht tp://x"), false}, {num(5), false},
+      {nullptr, false}, {str(""), false}, {str("https://pic.example/a b.jpg"), false}, {str("https://pic.example/p.jpg?s=1&x=%20"), true},
+      {str("relative/path.jpg"), true}, {str("1http://x"), false}, {str("ht tp://x"), false}, {num(5), false},
   };
   for (const auto& [value, expected] : cases) {
     auto acc = make<MQImporterAccount>();
