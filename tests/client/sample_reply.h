@@ -15,7 +15,8 @@ inline Ref<GenericRecord> record(std::vector<std::string> chain,
                                  std::vector<std::pair<std::string, Ref<Object>>> fields) {
   auto r = make<GenericRecord>(std::move(chain));
   for (auto& [key, value] : fields) {
-    bool is_inline = as_number(value.get()) != nullptr;  // integers and booleans are written in place
+    const Number* n = as_number(value.get());
+    const bool is_inline = n && !n->is_real();  // integers and booleans are written in place
     r->mutable_fields().push_back({key, value, is_inline});
   }
   return r;
@@ -42,28 +43,39 @@ inline Ref<GenericRecord> tag(const char* name, std::int64_t count) {
   return node("MQImporterNodeTag", 1, {{"tagCount", num(count)}, {"tagName", str(name)}});
 }
 
+// A media record as the reply carries it: one user dictionary under two keys.
+inline Ref<Dictionary> sample_media(const char* id) {
+  auto user = mutable_dict({{"pk", str("4021")}, {"full_name", str("Ana Sá")}, {"is_private", boolean(false)}});
+  auto candidates = array({mutable_dict({{"width", num(640)}, {"url", str("https://img.example/s.jpg")}})});
+  return mutable_dict({{"taken_at", num(1400000000)}, {"id", str(id)}, {"image_versions2", mutable_dict({{"candidates", candidates}})},
+                       {"user", user}, {"caption", mutable_dict({{"text", str("Alfama ☀")}, {"user", user}})},
+                       {"has_liked", boolean(true)}, {"likers", mutable_array()}});
+}
+
 inline Ref<Array> sample_results() {
-  auto items = array({dict({{"id", str("m1")}}), dict({{"id", str("m2")}})});
-  auto album = node("MQImporterNodeAlbum", 2, {{"albumName", str("Summer 2013")}, {"items", items}});
+  auto album = node("MQImporterNodeAlbum", 2, {{"albumName", str("Summer 2013")}, {"items", array({sample_media("m1"), sample_media("m2")})}});
   auto albums = folder(nullptr, {folder("Holidays", {album}, 2)}, 2, true);
   auto tags = folder(nullptr, {folder("Travel", {tag("beach", 12), tag("sunset", 3)}, 1), tag("food", 7)}, 1, true);
+  auto lisboa = node("MQImporterNodeLocation", 3, {{"latitude", real(38.7223)}, {"longitude", real(-9.1393)}, {"name", str("Lisboa")}});
   auto bob = node("MQImporterNodeFriend", 4,
-                  {{"mediaCount", num(120)}, {"added", date(410000000)}, {"imageURL", str("https://img.example/bob.jpg")},
+                  {{"mediaCount", num(5000000000LL)}, {"added", date(410000000.125)}, {"imageURL", str("https://img.example/bob.jpg")},
                    {"username", str("bob")}, {"uid", str("42")}});
-  auto friends = folder(nullptr, {bob}, 4, true);
+  auto spam = node("MQImporterNodeBlacklist", 5, {{"uid", str("66")}, {"username", str("spam")}});
   auto stats = node("MQImporterNodeStatistics", 6, {{"path", str("/home/jane/stats/1001.db")}}, true);
   auto account = [](const char* uid, const char* picture, const char* name) {
     return record({"MQImporterAccount", "NSObject"},
                   {{"uid", str(uid)}, {"imageURL", picture ? Ref<Object>(str(picture)) : nullptr}, {"username", str(name)}});
   };
   // Both results hold the same album tree.
-  auto result = [&albums](Ref<GenericRecord> who, Ref<Object> tag_tree, Ref<Object> friend_tree, Ref<Object> path) {
+  auto result = [&albums](Ref<GenericRecord> who, Ref<Object> tag_tree, Ref<Object> location_tree, Ref<Object> friend_tree,
+                          Ref<Object> path) {
     return record({"MQImporterNodeResult", "NSObject"},
-                  {{"account", who}, {"tags", tag_tree}, {"locations", nullptr}, {"albums", albums},
+                  {{"account", who}, {"tags", tag_tree}, {"locations", location_tree}, {"albums", albums},
                    {"friends", friend_tree}, {"statistics", path}, {"ignore", boolean(false)}});
   };
-  return array({result(account("1001", "https://img.example/jane.jpg", "jane"), tags, friends, stats),
-                result(account("1002", nullptr, "max"), nullptr, nullptr, nullptr)});
+  return array({result(account("1001", "https://img.example/jane.jpg", "jane"), tags, folder(nullptr, {lisboa}, 3, true),
+                       folder(nullptr, {bob}, 4, true), stats),
+                result(account("1002", nullptr, "max"), nullptr, nullptr, folder(nullptr, {spam}, 5, true), nullptr)});
 }
 
 inline const char* sample_report() {
@@ -77,12 +89,13 @@ inline const char* sample_report() {
          "      #beach (count 12)\n"
          "      #sunset (count 3)\n"
          "    #food (count 7)\n"
-         "  locations: none\n"
+         "  locations: 0 folders, 1 location\n"
+         "    Lisboa (38.7223, -9.1393)\n"
          "  albums: 1 folder, 1 album, 2 album items\n"
          "    Holidays/ (1 entry)\n"
          "      Summer 2013 (2 items)\n"
          "  friends: 0 folders, 1 friend\n"
-         "    @bob (uid 42, 120 media)\n"
+         "    @bob (uid 42, 5000000000 media)\n"
          "\n"
          "Account 2: max (user id 1002)\n"
          "  picture: none\n"
@@ -92,7 +105,8 @@ inline const char* sample_report() {
          "  albums: 1 folder, 1 album, 2 album items\n"
          "    Holidays/ (1 entry)\n"
          "      Summer 2013 (2 items)\n"
-         "  friends: none\n";
+         "  friends: 0 folders, 1 blocked user\n"
+         "    spam (uid 66)\n";
 }
 
 }  // namespace orvia::test

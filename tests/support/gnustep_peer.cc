@@ -1,26 +1,22 @@
 #include "support/gnustep_peer.h"
 
-#include <fcntl.h>
-#include <spawn.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <cmath>
+#include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <filesystem>
 #include <optional>
 #include <unordered_map>
 #include <utility>
+#include <variant>
 #include <vector>
 
 #include "platform/keyed_archive.h"
 #include "platform/value.h"
+#include "support/private_bus.h"
 #include "support/support.h"
-
-extern char** environ;
 
 namespace fs = std::filesystem;
 using nlohmann::json;
@@ -33,62 +29,50 @@ fs::path peer_program() {
   return fs::path(ORVIA_BINARY_DIR) / "tests" / "gnustep" / "gnustep-peer";
 }
 
-struct SpawnActions {
-  posix_spawn_file_actions_t actions;
-  SpawnActions() { posix_spawn_file_actions_init(&actions); }
-  ~SpawnActions() { posix_spawn_file_actions_destroy(&actions); }
-  SpawnActions(const SpawnActions&) = delete;
-  SpawnActions& operator=(const SpawnActions&) = delete;
-};
-
-// Runs the peer with its output in files of `dir`; an Error unless it exits with status 0.
-Result<std::string> run_peer(const std::vector<std::string>& args, const fs::path& dir) {
-  const std::string program = peer_program().string();
-  const std::string out_path = (dir / "stdout").string();
-  const std::string err_path = (dir / "stderr").string();
-  SpawnActions fa;
-  posix_spawn_file_actions_addopen(&fa.actions, 0, "/dev/null", O_RDONLY, 0);
-  posix_spawn_file_actions_addopen(&fa.actions, 1, out_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-  posix_spawn_file_actions_addopen(&fa.actions, 2, err_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-  std::vector<char*> argv;
-  argv.push_back(const_cast<char*>(program.c_str()));
-  for (const std::string& a : args) argv.push_back(const_cast<char*>(a.c_str()));
-  argv.push_back(nullptr);
-  pid_t pid = 0;
-  if (int rc = posix_spawn(&pid, program.c_str(), &fa.actions, nullptr, argv.data(), environ); rc != 0) {
-    return Error{"cannot start " + program + ": " + std::strerror(rc)};
-  }
-  int status = 0;
-  while (waitpid(pid, &status, 0) < 0) {
-    if (errno != EINTR) return Error{std::string("waitpid: ") + std::strerror(errno)};
-  }
-  std::string out, err;
-  try {
-    out = read_file(out_path);
-    err = read_file(err_path);
-  } catch (const std::exception& e) {
-    return Error{e.what()};
-  }
-  if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) {
-    return Error{"gnustep-peer failed (status " + std::to_string(status) + "): " + err};
-  }
-  return out;
-}
-
 json real_json(double d) {
   if (std::isnan(d)) return {{"$real", "nan"}};
   if (std::isinf(d)) return {{"$real", d > 0 ? "inf" : "-inf"}};
   return {{"$real", d}};
 }
 
-std::string hex(const std::string& bytes) {
-  static const char digits[] = "0123456789abcdef";
-  std::string out;
-  out.reserve(bytes.size() * 2);
-  for (unsigned char c : bytes) {
-    out += digits[c >> 4];
-    out += digits[c & 15];
+std::string text_of_json(const json& j) { return j.dump(-1, ' ', false, json::error_handler_t::replace); }
+
+std::string real_text(const json& j) {
+  if (j.is_string()) return j.get<std::string>();
+  char buf[40];
+  std::snprintf(buf, sizeof buf, "%.17g", j.get<double>());
+  return buf;
+}
+
+// The peer's form of a graph: every scalar as tagged text (see peer/peer.h), and back.
+json tagged(const json& j) {
+  if (j.is_boolean()) return {{"$bool", j.get<bool>() ? "true" : "false"}};
+  if (j.is_number_unsigned()) return {{"$int", std::to_string(j.get<std::uint64_t>())}};
+  if (j.is_number_integer()) return {{"$int", std::to_string(j.get<std::int64_t>())}};
+  if (j.is_number_float()) return {{"$real", real_text(j)}};
+  if (!j.is_structured()) return j;
+  json out = j;
+  for (auto& [key, value] : out.items())
+    value = (key == "$real" || key == "$date") && j.is_object() ? json(real_text(value)) : tagged(value);
+  return out;
+}
+
+void untag(json& j) {
+  if (j.is_object() && j.size() == 1 && j.begin().value().is_string()) {
+    const std::string key = j.begin().key(), text = j.begin().value();
+    if (key == "$int") j = text[0] == '-' ? json(std::stoll(text)) : json(std::stoull(text));
+    if (key == "$bool") j = text == "true";
+    if (key == "$null") j = {{"$null", true}};
+    if (key == "$real" || key == "$date") j = {{key, real_json(std::strtod(text.c_str(), nullptr))["$real"]}};
+    if (!j.is_object() || j.size() != 1 || key != j.begin().key() || !j.begin().value().is_string()) return;
   }
+  if (j.is_structured())
+    for (auto& [key, value] : j.items()) untag(value);
+}
+
+std::string hex(const std::string& bytes) {
+  std::string out;
+  for (unsigned char c : bytes) out += "0123456789abcdef"[c >> 4], out += "0123456789abcdef"[c & 15];
   return out;
 }
 
@@ -98,8 +82,7 @@ std::optional<json> leaf_json(const Object* o) {
   switch (o->kind()) {
     case ObjectKind::String: {
       const auto* s = static_cast<const String*>(o);
-      if (s->is_mutable()) return json{{"$mstring", s->str()}};
-      return json(s->str());
+      return s->is_mutable() ? json{{"$mstring", s->str()}} : json(s->str());
     }
     case ObjectKind::Number: {
       const auto* n = static_cast<const Number*>(o);
@@ -111,11 +94,7 @@ std::optional<json> leaf_json(const Object* o) {
       }
       return json(n->int_value());
     }
-    case ObjectKind::Date: {
-      double t = static_cast<const Date*>(o)->time();
-      json r = real_json(t);
-      return json{{"$date", r["$real"]}};
-    }
+    case ObjectKind::Date: return json{{"$date", real_json(static_cast<const Date*>(o)->time())["$real"]}};
     case ObjectKind::Data: {
       const auto* d = static_cast<const Data*>(o);
       return json{{d->is_mutable() ? "$mdata" : "$data", hex(d->bytes())}};
@@ -125,35 +104,19 @@ std::optional<json> leaf_json(const Object* o) {
   }
 }
 
-std::string text_of_json(const json& j) { return j.dump(-1, ' ', false, json::error_handler_t::replace); }
-
-// Gathers the keys a record writes.
+// Gathers the keys a record writes: objects, or integers, booleans and doubles as JSON.
 class CollectingEncoder final : public KeyedEncoder {
  public:
-  struct Field {
-    std::string key;
-    const Object* obj;  // for objects
-    json scalar;        // for integers, booleans and doubles
-    bool is_scalar;
-  };
-  std::vector<Field> fields;
+  std::vector<std::pair<std::string, std::variant<const Object*, json>>> fields;
 
-  void encode_object(std::string_view key, const Object* obj) override {
-    fields.push_back({std::string(key), obj, nullptr, false});
-  }
-  void encode_int64(std::string_view key, std::int64_t value) override {
-    fields.push_back({std::string(key), nullptr, json(value), true});
-  }
-  void encode_bool(std::string_view key, bool value) override {
-    fields.push_back({std::string(key), nullptr, json(value), true});
-  }
-  void encode_double(std::string_view key, double value) override {
-    fields.push_back({std::string(key), nullptr, real_json(value), true});
-  }
+  void encode_object(std::string_view key, const Object* obj) override { fields.emplace_back(key, obj); }
+  void encode_int64(std::string_view key, std::int64_t value) override { fields.emplace_back(key, json(value)); }
+  void encode_bool(std::string_view key, bool value) override { fields.emplace_back(key, json(value)); }
+  void encode_double(std::string_view key, double value) override { fields.emplace_back(key, real_json(value)); }
   void encode_object_stream(std::string_view key, const std::function<void(const ObjectSink&)>& produce) override {
     auto list = make<Array>(false);  // gathered whole: the peer's records are small
     produce(ObjectSinkOf([&](const Ref<Object>& item) { list->push_back(item); }));
-    fields.push_back({std::string(key), list.get(), nullptr, false});
+    fields.emplace_back(key, list.get());
     lists_.push_back(std::move(list));
   }
 
@@ -161,97 +124,66 @@ class CollectingEncoder final : public KeyedEncoder {
   std::vector<Ref<Array>> lists_;
 };
 
-enum class Place { Top, Items, Entries, Pairs, Record };
-
-struct Child {
-  Child(std::string k, const Object* o, int pair_side = 0) : key(std::move(k)), obj(o), side(pair_side) {}
-  Child(std::string k, json value) : key(std::move(k)), scalar(std::move(value)) {}
-  std::string key;             // entry or record key
-  const Object* obj = nullptr;
-  std::optional<json> scalar;  // already made (a record's integer, boolean or double)
-  int side = 0;                // in a pair: 0 key, 1 value
-};
-
-struct Frame {
-  json node;
-  Place place = Place::Top;
-  bool is_set = false;
-  std::vector<Child> children;
-  std::size_t next = 0;
-};
-
-void put(Frame& f, const Child& c, json value) {
-  switch (f.place) {
-    case Place::Top: f.node = std::move(value); break;
-    case Place::Items: f.node["$items"].push_back(std::move(value)); break;
-    case Place::Entries: f.node["$entries"][c.key] = std::move(value); break;
-    case Place::Record: f.node[c.key] = std::move(value); break;
-    case Place::Pairs:
-      if (c.side == 0) f.node["$pairs"].push_back(json::array({std::move(value)}));
-      else f.node["$pairs"].back().push_back(std::move(value));
-      break;
-  }
-}
-
 void sort_items_by_text(json& items) {
-  std::vector<std::pair<std::string, json>> keyed;
-  for (json& item : items) keyed.emplace_back(text_of_json(item), std::move(item));
-  std::stable_sort(keyed.begin(), keyed.end(), [](const auto& a, const auto& b) { return a.first < b.first; });
-  items = json::array();
-  for (auto& [text, item] : keyed) items.push_back(std::move(item));
+  std::stable_sort(items.begin(), items.end(),
+                   [](const json& a, const json& b) { return text_of_json(a) < text_of_json(b); });
 }
 
-Frame open(const Object* o, std::int64_t id) {
-  Frame f;
-  f.node = {{"$id", id}, {"$class", std::string(o->class_name())}};
-  if (const Array* a = as_array(o)) {
-    f.place = Place::Items;
-    f.node["$items"] = json::array();
-    for (const Ref<Object>& item : a->items()) f.children.emplace_back(std::string(), item.get());
-  } else if (const Set* s = as_set(o)) {
-    f.place = Place::Items;
-    f.is_set = true;
-    f.node["$items"] = json::array();
-    for (const Ref<Object>& item : s->items()) f.children.emplace_back(std::string(), item.get());
-  } else if (const Dictionary* d = as_dict(o)) {
-    bool all_strings = std::all_of(d->entries().begin(), d->entries().end(),
-                                   [](const Dictionary::Entry& e) { return as_string(e.first.get()) != nullptr; });
-    if (all_strings) {
-      f.place = Place::Entries;
-      f.node["$entries"] = json::object();
-      for (const auto& [k, v] : d->entries()) f.children.emplace_back(as_string(k.get())->str(), v.get());
-      std::stable_sort(f.children.begin(), f.children.end(),
-                       [](const Child& a, const Child& b) { return a.key < b.key; });
-    } else {
-      f.place = Place::Pairs;
-      f.node["$pairs"] = json::array();
+class Dumper {
+ public:
+  json dump(const Object* o) {
+    if (std::optional<json> leaf = leaf_json(o)) return *leaf;
+    if (auto it = ids_.find(o); it != ids_.end()) return {{"$ref", it->second}};
+    const std::int64_t id = static_cast<std::int64_t>(ids_.size()) + 1;
+    ids_.emplace(o, id);
+    json out = {{"$id", id}, {"$class", std::string(o->class_name())}};
+    if (as_array(o) || as_set(o)) {
+      out["$items"] = json::array();
+      for (const Ref<Object>& item : as_array(o) ? as_array(o)->items() : as_set(o)->items())
+        out["$items"].push_back(dump(item.get()));
+      if (as_set(o)) sort_items_by_text(out["$items"]);
+    } else if (const Dictionary* d = as_dict(o)) {
+      // String keys: entries in byte order of the keys; else pairs in order of the keys' JSON text.
+      const bool strings = std::all_of(d->entries().begin(), d->entries().end(),
+                                       [](const Dictionary::Entry& e) { return as_string(e.first.get()) != nullptr; });
       std::vector<std::pair<std::string, const Dictionary::Entry*>> order;
-      for (const auto& e : d->entries()) {
-        std::optional<json> key = leaf_json(e.first.get());
-        order.emplace_back(key ? text_of_json(*key) : std::string(), &e);
-      }
+      for (const auto& e : d->entries())
+        order.emplace_back(strings ? as_string(e.first.get())->str() : text_of_json(leaf_json(e.first.get()).value_or(json())), &e);
       std::stable_sort(order.begin(), order.end(), [](const auto& a, const auto& b) { return a.first < b.first; });
+      out[strings ? "$entries" : "$pairs"] = strings ? json::object() : json::array();
       for (const auto& [text, e] : order) {
-        f.children.emplace_back(std::string(), e->first.get(), 0);
-        f.children.emplace_back(std::string(), e->second.get(), 1);
+        if (strings) {
+          out["$entries"][text] = dump(e->second.get());
+        } else {
+          json key = dump(e->first.get());
+          out["$pairs"].push_back({std::move(key), dump(e->second.get())});
+        }
       }
+    } else if (const auto* r = dynamic_cast<const Record*>(o)) {
+      CollectingEncoder coder;
+      if (const auto* g = dynamic_cast<const GenericRecord*>(o)) {
+        for (const GenericRecord::Field& f : g->fields()) coder.fields.emplace_back(f.key, f.value.get());
+      } else {
+        r->encode_with_coder(coder);
+      }
+      std::stable_sort(coder.fields.begin(), coder.fields.end(), [](const auto& a, const auto& b) { return a.first < b.first; });
+      for (auto& [key, value] : coder.fields)
+        out[key] = value.index() == 0 ? dump(std::get<0>(value)) : std::get<1>(value);
     }
-  } else if (const auto* g = dynamic_cast<const GenericRecord*>(o)) {
-    f.place = Place::Record;
-    for (const GenericRecord::Field& field : g->fields()) f.children.emplace_back(field.key, field.value.get());
-  } else if (const auto* r = dynamic_cast<const Record*>(o)) {
-    f.place = Place::Record;
-    CollectingEncoder coder;
-    r->encode_with_coder(coder);
-    for (CollectingEncoder::Field& field : coder.fields) {
-      if (field.is_scalar) f.children.emplace_back(field.key, std::move(field.scalar));
-      else f.children.emplace_back(field.key, field.obj);
-    }
+    return out;
   }
-  if (f.place == Place::Record) {
-    std::stable_sort(f.children.begin(), f.children.end(), [](const Child& a, const Child& b) { return a.key < b.key; });
-  }
-  return f;
+
+ private:
+  std::unordered_map<const Object*, std::int64_t> ids_;
+};
+
+// Runs the peer; its output, or an Error with its message unless it exits with status 0.
+Result<std::string> run_peer(const std::vector<std::string>& args) {
+  std::vector<std::string> argv = {peer_program().string()};
+  argv.insert(argv.end(), args.begin(), args.end());
+  ProgramRun run = run_program(argv);
+  if (run.status != 0) return Error{"gnustep-peer failed (status " + std::to_string(run.status) + "): " + run.err};
+  return run.out;
 }
 
 }  // namespace
@@ -262,9 +194,10 @@ Result<json> decode_with_gnustep(std::string_view archive) {
   try {
     TempDir dir;
     write_file(dir / "archive", std::string(archive));
-    Result<std::string> out = run_peer({"decode", (dir / "archive").string()}, dir.path());
+    Result<std::string> out = run_peer({"decode", (dir / "archive").string()});
     if (!out) return out.error();
-    json dump = json::parse(out.value());
+    json dump = json::parse(out.value()).at(0);
+    untag(dump);
     sort_set_members(dump);
     return dump;
   } catch (const std::exception& e) {
@@ -275,12 +208,10 @@ Result<json> decode_with_gnustep(std::string_view archive) {
 Result<std::string> encode_with_gnustep(const json& graph, ArchiveFormat format) {
   try {
     TempDir dir;
-    write_file(dir / "graph.json", graph.dump());
-    std::vector<std::string> args = {"encode"};
-    if (format == ArchiveFormat::Xml) args.push_back("--xml");
-    args.push_back((dir / "graph.json").string());
-    args.push_back((dir / "archive").string());
-    Result<std::string> out = run_peer(args, dir.path());
+    write_file(dir / "graph.json", tagged(graph).dump());
+    std::vector<std::string> args = {"encode", (dir / "graph.json").string(), (dir / "archive").string()};
+    if (format == ArchiveFormat::Xml) args.insert(args.begin() + 1, "--xml");
+    Result<std::string> out = run_peer(args);
     if (!out) return out.error();
     return read_file(dir / "archive");
   } catch (const std::exception& e) {
@@ -288,58 +219,14 @@ Result<std::string> encode_with_gnustep(const json& graph, ArchiveFormat format)
   }
 }
 
-json dump_like_gnustep(const Object* root) {
-  std::unordered_map<const Object*, std::int64_t> ids;
-  std::int64_t next_id = 1;
-  std::vector<Frame> stack(1);
-  stack.back().children.emplace_back(std::string(), root);
-  for (;;) {
-    Frame& f = stack.back();
-    if (f.next == f.children.size()) {
-      if (f.is_set) sort_items_by_text(f.node["$items"]);
-      json done = std::move(f.node);
-      stack.pop_back();
-      if (stack.empty()) return done;
-      Frame& parent = stack.back();
-      put(parent, parent.children[parent.next - 1], std::move(done));
-      continue;
-    }
-    const Child& c = f.children[f.next++];
-    if (c.scalar) {
-      put(f, c, *c.scalar);
-      continue;
-    }
-    if (std::optional<json> leaf = leaf_json(c.obj)) {
-      put(f, c, std::move(*leaf));
-      continue;
-    }
-    if (auto it = ids.find(c.obj); it != ids.end()) {
-      put(f, c, json{{"$ref", it->second}});
-      continue;
-    }
-    ids.emplace(c.obj, next_id);
-    Frame child = open(c.obj, next_id++);
-    stack.push_back(std::move(child));  // f and c are not used after this
-  }
-}
+json dump_like_gnustep(const Object* root) { return Dumper().dump(root); }
 
 void sort_set_members(json& dump) {
-  std::vector<json*> todo{&dump};
-  while (!todo.empty()) {
-    json* j = todo.back();
-    todo.pop_back();
-    if (j->is_object()) {
-      auto cls = j->find("$class");
-      auto items = j->find("$items");
-      if (cls != j->end() && items != j->end() && items->is_array() &&
-          (*cls == "NSSet" || *cls == "NSMutableSet")) {
-        sort_items_by_text(*items);
-      }
-      for (auto& [key, value] : j->items()) todo.push_back(&value);
-    } else if (j->is_array()) {
-      for (json& value : *j) todo.push_back(&value);
-    }
-  }
+  if (dump.is_object() && (dump.value("$class", "") == "NSSet" || dump.value("$class", "") == "NSMutableSet") &&
+      dump.contains("$items"))
+    sort_items_by_text(dump["$items"]);
+  if (dump.is_structured())
+    for (auto& [key, value] : dump.items()) sort_set_members(value);
 }
 
 std::string json_text(const json& dump) { return dump.dump(1, ' ', false, json::error_handler_t::replace); }

@@ -24,9 +24,10 @@
 // record keys in byte order of their UTF-8 keys. Equal graphs therefore give equal JSON, sharing and
 // cycles included; a set whose members are containers is the one case where ids may differ.
 //
-// The same form is the input of encode_with_gnustep, which also takes a bare JSON array as an NSArray and
-// a bare real as a real number. GNUstep writes NSDate inline (0x33) and cannot write NaN, and its binary
-// archives are limited to 65,536 objects and slow beyond a few thousand (gnustep.md).
+// The same form is the input of encode_with_gnustep; on the way to and from the peer every scalar
+// travels as tagged text (peer/peer.h), so no JSON reader turns an integer into a real. GNUstep writes
+// NSDate inline (0x33) and cannot write NaN, and its binary archives are limited to 65,536 objects and
+// slow beyond a few thousand (gnustep.md).
 #pragma once
 
 #include <string>

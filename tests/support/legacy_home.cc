@@ -1,5 +1,6 @@
 #include "support/legacy_home.h"
 
+#include <fmt/format.h>
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -101,6 +102,18 @@ std::string LegacyStore::uri(Entity entity, std::int64_t pk) const {
   return "x-coredata://" + uuid_ + "/" + std::string(kNames[entity]) + "/p" + std::to_string(pk);
 }
 
+// A value as SQL text: NULL, a number, or the bytes of a string or blob in hex.
+std::string LegacyStore::literal(const Value& v) {
+  if (auto* x = std::get_if<std::int64_t>(&v)) return std::to_string(*x);
+  if (auto* d = std::get_if<double>(&v)) return fmt::format("{:.17g}", *d);
+  const std::string* bytes = std::get_if<std::string>(&v);
+  if (auto* b = std::get_if<Blob>(&v)) bytes = &b->bytes;
+  if (!bytes) return "NULL";
+  std::string hex;
+  for (unsigned char c : *bytes) hex += fmt::format("{:02X}", c);
+  return std::holds_alternative<Blob>(v) ? "X'" + hex + "'" : "CAST(X'" + hex + "' AS TEXT)";
+}
+
 void LegacyStore::exec(const std::string& sql) {
   open();
   run(sql);
@@ -151,13 +164,7 @@ void LegacyStore::open() {
                                            {"NSStoreType", str("SQLite")},
                                            {"_NSAutoVacuumLevel", str("2")}})
                                          .get());
-  sqlite3_stmt* stmt = nullptr;
-  sqlite3_prepare_v2(db_, "INSERT INTO Z_METADATA VALUES (1, ?, ?)", -1, &stmt, nullptr);
-  sqlite3_bind_text(stmt, 1, uuid_.c_str(), -1, SQLITE_TRANSIENT);
-  const std::string bytes = metadata.ok() ? metadata.value() : std::string();
-  sqlite3_bind_blob(stmt, 2, bytes.data(), static_cast<int>(bytes.size()), SQLITE_TRANSIENT);
-  if (sqlite3_step(stmt) != SQLITE_DONE) ADD_FAILURE() << sqlite3_errmsg(db_);
-  sqlite3_finalize(stmt);
+  run("INSERT INTO Z_METADATA VALUES (1, " + literal(uuid_) + ", " + literal(Blob{metadata.ok() ? metadata.value() : ""}) + ")");
 }
 
 void LegacyStore::close() {
@@ -169,31 +176,9 @@ std::int64_t LegacyStore::insert(Entity entity, const std::string& table, const 
                                  const std::vector<Value>& values) {
   open();
   const std::int64_t pk = next_pk_[entity]++;
-  std::string sql = "INSERT INTO " + table + " (Z_PK, Z_ENT, Z_OPT";
-  std::string marks = "?, ?, 1";
-  for (const auto& c : columns) {
-    sql += ", " + c;
-    marks += ", ?";
-  }
-  sql += ") VALUES (" + marks + ")";
-  sqlite3_stmt* stmt = nullptr;
-  if (sqlite3_prepare_v2(db_, sql.c_str(), -1, &stmt, nullptr) != SQLITE_OK) {
-    ADD_FAILURE() << sqlite3_errmsg(db_) << "\n" << sql;
-    return pk;
-  }
-  sqlite3_bind_int64(stmt, 1, pk);
-  sqlite3_bind_int64(stmt, 2, entity);
-  for (std::size_t i = 0; i < values.size(); ++i) {
-    const int n = static_cast<int>(i + 3);
-    const Value& v = values[i];
-    if (auto* x = std::get_if<std::int64_t>(&v)) sqlite3_bind_int64(stmt, n, *x);
-    else if (auto* d = std::get_if<double>(&v)) sqlite3_bind_double(stmt, n, *d);
-    else if (auto* s = std::get_if<std::string>(&v)) sqlite3_bind_text(stmt, n, s->data(), static_cast<int>(s->size()), SQLITE_TRANSIENT);
-    else if (auto* b = std::get_if<Blob>(&v)) sqlite3_bind_blob(stmt, n, b->bytes.data(), static_cast<int>(b->bytes.size()), SQLITE_TRANSIENT);
-    else sqlite3_bind_null(stmt, n);
-  }
-  if (sqlite3_step(stmt) != SQLITE_DONE) ADD_FAILURE() << sqlite3_errmsg(db_) << "\n" << sql;
-  sqlite3_finalize(stmt);
+  std::string names = "Z_PK, Z_ENT, Z_OPT", row = std::to_string(pk) + ", " + std::to_string(entity) + ", 1";
+  for (std::size_t i = 0; i < columns.size(); ++i) names += ", " + columns[i], row += ", " + literal(values[i]);
+  run("INSERT INTO " + table + " (" + names + ") VALUES (" + row + ")");
   run("UPDATE Z_PRIMARYKEY SET Z_MAX = " + std::to_string(pk) + " WHERE Z_ENT = " + std::to_string(entity));
   return pk;
 }
@@ -221,18 +206,6 @@ std::int64_t LegacyStore::add_image(std::int64_t album, std::optional<std::strin
                                     std::optional<std::string> media_id) {
   return insert(kImageItem, "ZIMAGEITEM", {"ZLIST", "ZDICTIONARY", "ZMEDIAID"},
                 {Value(album), dictionary ? Value(Blob{*dictionary}) : Value(), media_id ? Value(*media_id) : Value()});
-}
-
-Result<Ref<MQCoreDataWrapper>> attach_store(const std::string& path, Ref<MQUserDefaultsWrapper> defaults,
-                                            std::chrono::seconds timeout) {
-  auto outcome = std::make_shared<std::atomic<int>>(0);  // 1 attached, 2 failed
-  Ref<MQCoreDataWrapper> wrapper = MQCoreDataWrapper::initWithStorePath(
-      path, [outcome] { outcome->store(1); }, std::move(defaults), [outcome] { outcome->store(2); });
-  const auto deadline = std::chrono::steady_clock::now() + timeout;
-  while (outcome->load() == 0 && std::chrono::steady_clock::now() < deadline)
-    MainQueue::shared().drain(std::chrono::milliseconds(50));
-  if (outcome->load() == 1) return wrapper;
-  return Error{outcome->load() == 2 ? "the store could not be attached: " + path : "attaching timed out: " + path};
 }
 
 // ---- the installation
@@ -314,7 +287,15 @@ void LegacyHome::write() {
 
 Result<Ref<MQCoreDataWrapper>> LegacyHome::attach() {
   write();
-  return attach_store(store_file().string(), defaults());
+  // Attaches as the service does, serving the main queue until the completion or the failure block ran.
+  auto outcome = std::make_shared<std::atomic<int>>(0);  // 1 attached, 2 failed
+  Ref<MQCoreDataWrapper> wrapper = MQCoreDataWrapper::initWithStorePath(
+      store_file().string(), [outcome] { outcome->store(1); }, defaults(), [outcome] { outcome->store(2); });
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+  while (outcome->load() == 0 && std::chrono::steady_clock::now() < deadline)
+    MainQueue::shared().drain(std::chrono::milliseconds(50));
+  if (outcome->load() == 1) return wrapper;
+  return Error{outcome->load() == 2 ? "the store could not be attached" : "attaching timed out"};
 }
 
 }  // namespace orvia::test

@@ -115,6 +115,7 @@ class LegacyStore {
     std::string bytes;
   };
   using Value = std::variant<std::monostate, std::int64_t, double, std::string, Blob>;
+  static std::string literal(const Value& v);
   void run(const std::string& sql);
   std::int64_t insert(Entity entity, const std::string& table, const std::vector<std::string>& columns,
                       const std::vector<Value>& values);
@@ -124,12 +125,6 @@ class LegacyStore {
   sqlite3* db_ = nullptr;
   std::int64_t next_pk_[5] = {0, 1, 1, 1, 1};
 };
-
-// Attaches the store at `path` through MQCoreDataWrapper::initWithStorePath and serves the main queue
-// until the completion (or the failure block) has run. An Error when the attach fails or takes more
-// than `timeout`.
-Result<Ref<MQCoreDataWrapper>> attach_store(const std::string& path, Ref<MQUserDefaultsWrapper> defaults,
-                                            std::chrono::seconds timeout = std::chrono::seconds(60));
 
 // ---- the installation -----------------------------------------------------------------------------------
 
@@ -165,7 +160,8 @@ class LegacyHome {
   // Writes the preferences and finishes the store (made empty when nothing was added): the
   // installation as the old client left it, for runs that read the home themselves.
   void write();
-  // write(), then attaches the store with defaults().
+  // write(), then attaches the store through MQCoreDataWrapper::initWithStorePath with defaults(), as
+  // the service does; an Error when that fails or takes more than a minute.
   Result<Ref<MQCoreDataWrapper>> attach();
 
  private:

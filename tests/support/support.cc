@@ -2,6 +2,7 @@
 
 #include <cstdlib>
 #include <fstream>
+#include <functional>
 #include <sstream>
 #include <stdexcept>
 #include <unistd.h>
@@ -45,20 +46,6 @@ TempDir::~TempDir() {
   fs::remove_all(path_, ec);
 }
 
-namespace {
-std::string hash_bytes(const std::string& s) {
-  // FNV-1a 64, twice with different seeds: enough to tell a changed byte.
-  std::uint64_t a = 1469598103934665603ull, b = 0x84222325cbf29ce4ull;
-  for (unsigned char c : s) {
-    a = (a ^ c) * 1099511628211ull;
-    b = (b ^ c) * 0x100000001b3ull + 7;
-  }
-  std::ostringstream out;
-  out << std::hex << a << b << ":" << std::dec << s.size();
-  return out.str();
-}
-}  // namespace
-
 TreeSnapshot snapshot_tree(const fs::path& root) {
   TreeSnapshot snap;
   std::error_code ec;
@@ -69,7 +56,8 @@ TreeSnapshot snapshot_tree(const fs::path& root) {
     if (fs::is_directory(st)) {
       snap[rel] = "dir";
     } else if (fs::is_regular_file(st)) {
-      snap[rel] = hash_bytes(read_file(it->path()));
+      const std::string bytes = read_file(it->path());  // a hash and the size: enough to tell a changed byte
+      snap[rel] = std::to_string(std::hash<std::string>{}(bytes)) + ":" + std::to_string(bytes.size());
     } else {
       snap[rel] = "other";
     }

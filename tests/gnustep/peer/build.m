@@ -1,93 +1,42 @@
-// The object graph that a JSON form describes (see peer.h). Besides the dump's own forms it accepts a
-// bare JSON array as an NSArray and a bare JSON real as a real NSNumber.
-//
-// Mutable containers, PeerArray and records are made before their contents, so they can take part in
-// cycles; NSDictionary and NSSet are made after theirs, and a cycle through one of them is an error.
+// The object graph that a tagged JSON tree describes (see peer.h). Mutable containers, PeerArray and records are remembered before
+// their contents are made, so they can take part in cycles; members are made in the dump's order
+// (entries and record keys sorted), so a "$ref" always follows the object it names.
 #import "peer.h"
 
-#include <math.h>
-#include <string.h>
+#include <limits.h>
+#include <stdlib.h>
 
-@interface GraphBuilder : NSObject {
-  NSMutableDictionary *_defs;      // id -> the JSON object that carries it
-  NSMutableDictionary *_built;     // id -> object
-  NSMutableSet *_pending;          // ids of immutable containers being made
-}
-- (id) build: (id)json;
-@end
-
-static BOOL IsObject(id json) { return [json isKindOfClass: [NSDictionary class]]; }
-
-static double RealOf(id v) {
-  if ([v isKindOfClass: [NSString class]]) {
-    if ([v isEqual: @"nan"]) return NAN;
-    if ([v isEqual: @"inf"]) return INFINITY;
-    if ([v isEqual: @"-inf"]) return -INFINITY;
-    PeerFail(@"bad real %@", v);
-  }
-  if (![v isKindOfClass: [NSNumber class]] || PeerIsBoolean(v)) PeerFail(@"bad real %@", v);
-  return [v doubleValue];
+static id Tagged(id json, NSString *tag) {
+  return [json isKindOfClass: [NSDictionary class]] ? [json objectForKey: tag] : nil;
 }
 
-static NSData *DataOfHex(id v) {
-  if (![v isKindOfClass: [NSString class]] || [v length] % 2 != 0) PeerFail(@"bad hex %@", v);
-  const char *s = [v UTF8String];
-  NSMutableData *d = [NSMutableData dataWithLength: [v length] / 2];
-  unsigned char *p = [d mutableBytes];
+static NSData *DataOfHex(NSString *hex) {
+  NSMutableData *d = [NSMutableData dataWithLength: [hex length] / 2];
+  const char *s = [hex UTF8String];
   for (NSUInteger i = 0; i < [d length]; i++) {
-    unsigned hi, lo;
-    if (sscanf(s + 2 * i, "%1x%1x", &hi, &lo) != 2) PeerFail(@"bad hex %@", v);
-    p[i] = (unsigned char)(hi << 4 | lo);
+    unsigned byte;
+    if (sscanf(s + 2 * i, "%2x", &byte) != 1) PeerFail(@"bad hex %@", hex);
+    ((unsigned char *)[d mutableBytes])[i] = (unsigned char)byte;
   }
   return d;
 }
 
-static NSNumber *NumberOf(NSNumber *n) {
-  // A fresh NSNumber of the kind the JSON reader gave.
-  if (PeerIsBoolean(n)) return [NSNumber numberWithBool: [n boolValue]];
-  const char *type = [n objCType];
-  if (type[0] == 'd' || type[0] == 'f') return [NSNumber numberWithDouble: [n doubleValue]];
-  if (type[0] == 'Q' || type[0] == 'L') return [NSNumber numberWithUnsignedLongLong: [n unsignedLongLongValue]];
-  return [NSNumber numberWithLongLong: [n longLongValue]];
+static NSNumber *Integer(NSString *text) {
+  const char *s = [text UTF8String];
+  if (s[0] == '-') return [NSNumber numberWithLongLong: strtoll(s, NULL, 10)];
+  unsigned long long v = strtoull(s, NULL, 10);
+  if (v <= (unsigned long long)LLONG_MAX) return [NSNumber numberWithLongLong: (long long)v];
+  return [NSNumber numberWithUnsignedLongLong: v];
 }
+
+@interface GraphBuilder : NSObject {
+ @public
+  NSMutableDictionary *_built;  // "$id" -> object
+}
+- (id) build: (id)json;
+@end
 
 @implementation GraphBuilder
-
-- (id) initWithRoot: (id)json {
-  if ((self = [super init]) != nil) {
-    _defs = [NSMutableDictionary new];
-    _built = [NSMutableDictionary new];
-    _pending = [NSMutableSet new];
-    // Collect every "$id" first, so that a "$ref" may come before its definition.
-    NSMutableArray *todo = [NSMutableArray arrayWithObject: json];
-    while ([todo count] > 0) {
-      id j = [[[todo lastObject] retain] autorelease];
-      [todo removeLastObject];
-      if ([j isKindOfClass: [NSArray class]]) {
-        [todo addObjectsFromArray: j];
-      } else if (IsObject(j)) {
-        id ident = [j objectForKey: @"$id"];
-        if (ident != nil) {
-          if ([_defs objectForKey: ident] != nil) PeerFail(@"$id %@ defined twice", ident);
-          [_defs setObject: j forKey: ident];
-        }
-        [todo addObjectsFromArray: [j allValues]];
-      }
-    }
-  }
-  return self;
-}
-
-- (void) dealloc {
-  [_defs release];
-  [_built release];
-  [_pending release];
-  [super dealloc];
-}
-
-- (void) remember: (id)obj as: (id)ident {
-  if (ident != nil) [_built setObject: obj forKey: ident];
-}
 
 - (id) item: (id)json {
   id v = [self build: json];
@@ -95,129 +44,78 @@ static NSNumber *NumberOf(NSNumber *n) {
   return v;
 }
 
-- (NSArray *) items: (id)json of: (id)owner {
-  id list = [json objectForKey: @"$items"];
-  if (list == nil) list = [NSArray array];
-  if (![list isKindOfClass: [NSArray class]]) PeerFail(@"$items of %@ is no list", owner);
+- (NSArray *) items: (id)list {
   NSMutableArray *out = [NSMutableArray array];
   for (id j in list) [out addObject: [self item: j]];
   return out;
 }
 
-- (void) fillDictionary: (NSMutableDictionary *)dict from: (id)json {
-  id entries = [json objectForKey: @"$entries"];
-  id pairs = [json objectForKey: @"$pairs"];
-  if (entries != nil) {
-    if (!IsObject(entries)) PeerFail(@"$entries is no object");
-    for (NSString *k in [[entries allKeys] sortedArrayUsingSelector: @selector(compare:)]) {
-      [dict setObject: [self item: [entries objectForKey: k]] forKey: [NSString stringWithString: k]];
-    }
+- (void) fill: (NSMutableDictionary *)dict from: (id)json {
+  NSDictionary *entries = [json objectForKey: @"$entries"];
+  for (NSString *k in [[entries allKeys] sortedArrayUsingSelector: @selector(compare:)]) {
+    [dict setObject: [self item: [entries objectForKey: k]] forKey: [NSString stringWithString: k]];
   }
-  if (pairs != nil) {
-    if (![pairs isKindOfClass: [NSArray class]]) PeerFail(@"$pairs is no list");
-    for (id pair in pairs) {
-      if (![pair isKindOfClass: [NSArray class]] || [pair count] != 2) PeerFail(@"bad pair %@", pair);
-      id k = [self item: [pair objectAtIndex: 0]];
-      [dict setObject: [self item: [pair objectAtIndex: 1]] forKey: k];
-    }
+  for (NSArray *pair in [json objectForKey: @"$pairs"]) {
+    NSArray *kv = [self items: pair];
+    [dict setObject: [kv lastObject] forKey: [kv objectAtIndex: 0]];
   }
-}
-
-- (id) record: (id)json named: (NSString *)name ident: (id)ident {
-  Class cls = NSClassFromString(name);
-  if (cls == Nil || ![cls conformsToProtocol: @protocol(PeerRecord)]) PeerFail(@"unknown class %@", name);
-  id rec = [[cls new] autorelease];
-  [self remember: rec as: ident];
-  NSMutableDictionary *values = [rec peerValues];
-  for (NSString *key in json) {
-    if ([key isEqual: @"$id"] || [key isEqual: @"$class"]) continue;
-    char kind = PeerKindOfKey(cls, key);
-    if (kind == 0) PeerFail(@"%@ has no key %@", name, key);
-    id v = [self build: [json objectForKey: key]];
-    if (kind == 'i') v = [NSNumber numberWithLongLong: [v longLongValue]];
-    else if (kind == 'b') v = [NSNumber numberWithBool: [v boolValue]];
-    else if (kind == 'd') v = [NSNumber numberWithDouble: [v doubleValue]];
-    if (v != nil) [values setObject: v forKey: key];
-  }
-  return rec;
 }
 
 - (id) container: (id)json {
   NSString *cls = [json objectForKey: @"$class"];
-  id ident = [json objectForKey: @"$id"];
-  if ([cls isEqual: @"NSMutableArray"]) {
-    NSMutableArray *a = [NSMutableArray array];
-    [self remember: a as: ident];
-    [a addObjectsFromArray: [self items: json of: cls]];
-    return a;
-  }
-  if ([cls isEqual: @"NSArray"]) {
-    PeerArray *a = [[PeerArray new] autorelease];
-    [self remember: a as: ident];
-    [a peerSetItems: [self items: json of: cls]];
-    return a;
-  }
-  if ([cls isEqual: @"NSMutableDictionary"]) {
-    NSMutableDictionary *d = [NSMutableDictionary dictionary];
-    [self remember: d as: ident];
-    [self fillDictionary: d from: json];
-    return d;
-  }
-  if ([cls isEqual: @"NSMutableSet"]) {
-    NSMutableSet *s = [NSMutableSet set];
-    [self remember: s as: ident];
-    [s addObjectsFromArray: [self items: json of: cls]];
-    return s;
-  }
+  id ident = [json objectForKey: @"$id"], made = nil;
   if ([cls isEqual: @"NSDictionary"] || [cls isEqual: @"NSSet"]) {
-    if (ident != nil) [_pending addObject: ident];
-    id made;
-    if ([cls isEqual: @"NSSet"]) {
-      made = [NSSet setWithArray: [self items: json of: cls]];
-    } else {
-      NSMutableDictionary *d = [NSMutableDictionary dictionary];
-      [self fillDictionary: d from: json];
-      made = [NSDictionary dictionaryWithDictionary: d];
-    }
-    if (ident != nil) [_pending removeObject: ident];
-    [self remember: made as: ident];
+    NSMutableDictionary *d = [NSMutableDictionary dictionary];
+    [self fill: d from: json];
+    made = [cls isEqual: @"NSSet"] ? [NSSet setWithArray: [self items: [json objectForKey: @"$items"]]]
+                                   : [NSDictionary dictionaryWithDictionary: d];
+    [_built setObject: made forKey: ident];
     return made;
   }
-  return [self record: json named: cls ident: ident];
+  Class record = NSClassFromString(cls);
+  if ([cls isEqual: @"NSMutableArray"]) made = [NSMutableArray array];
+  else if ([cls isEqual: @"NSArray"]) made = [[PeerArray new] autorelease];
+  else if ([cls isEqual: @"NSMutableDictionary"]) made = [NSMutableDictionary dictionary];
+  else if ([cls isEqual: @"NSMutableSet"]) made = [NSMutableSet set];
+  else if ([record conformsToProtocol: @protocol(PeerRecord)]) made = [[record new] autorelease];
+  else PeerFail(@"unknown class %@", cls);
+  [_built setObject: made forKey: ident];
+  if ([made isKindOfClass: [PeerArray class]]) [made peerSetItems: [self items: [json objectForKey: @"$items"]]];
+  else if ([made isKindOfClass: [NSArray class]] || [made isKindOfClass: [NSSet class]])
+    [made addObjectsFromArray: [self items: [json objectForKey: @"$items"]]];
+  else if ([made isKindOfClass: [NSDictionary class]]) [self fill: made from: json];
+  else {
+    NSMutableDictionary *kinds = [NSMutableDictionary dictionary];
+    for (NSString *k in PeerKeys(record)) [kinds setObject: k forKey: PeerKeyName(k)];
+    for (NSString *key in [[json allKeys] sortedArrayUsingSelector: @selector(compare:)]) {
+      if ([key hasPrefix: @"$"]) continue;
+      NSString *k = [kinds objectForKey: key];
+      if (k == nil) PeerFail(@"%@ has no key %@", cls, key);
+      id v = PeerValueOfKind(PeerKeyKind(k), [self build: [json objectForKey: key]]);
+      if (v != nil) [[made peerValues] setObject: v forKey: key];
+    }
+  }
+  return made;
 }
 
 - (id) build: (id)json {
+  id v;
   if ([json isKindOfClass: [NSNull class]]) return nil;
   if ([json isKindOfClass: [NSString class]]) return [NSString stringWithString: json];
-  if ([json isKindOfClass: [NSNumber class]]) return NumberOf(json);
-  if ([json isKindOfClass: [NSArray class]]) {
-    PeerArray *a = [[PeerArray new] autorelease];
-    NSMutableArray *items = [NSMutableArray array];
-    for (id j in json) [items addObject: [self item: j]];
-    [a peerSetItems: items];
-    return a;
+  if ((v = Tagged(json, @"$ref")) != nil) {
+    if ([_built objectForKey: v] == nil) PeerFail(@"$ref %@ before its object", v);
+    return [_built objectForKey: v];
   }
-  id v;
-  if ((v = [json objectForKey: @"$ref"]) != nil) {
-    id obj = [_built objectForKey: v];
-    if (obj != nil) return obj;
-    if ([_pending containsObject: v]) PeerFail(@"$ref %@: an NSDictionary or NSSet cannot be in a cycle", v);
-    id def = [_defs objectForKey: v];
-    if (def == nil) PeerFail(@"$ref %@ has no $id", v);
-    return [self build: def];
-  }
-  id ident = [json objectForKey: @"$id"];
-  if (ident != nil && [_built objectForKey: ident] != nil) return [_built objectForKey: ident];
   if ([json objectForKey: @"$class"] != nil) return [self container: json];
-  if ((v = [json objectForKey: @"$real"]) != nil) return [NSNumber numberWithDouble: RealOf(v)];
-  if ((v = [json objectForKey: @"$date"]) != nil) return [NSDate dateWithTimeIntervalSinceReferenceDate: RealOf(v)];
-  if ((v = [json objectForKey: @"$data"]) != nil) return [NSData dataWithData: DataOfHex(v)];
-  if ((v = [json objectForKey: @"$mdata"]) != nil) return [NSMutableData dataWithData: DataOfHex(v)];
-  if ((v = [json objectForKey: @"$mstring"]) != nil) {
-    if (![v isKindOfClass: [NSString class]]) PeerFail(@"$mstring is no string");
-    return [NSMutableString stringWithString: v];
-  }
-  if ([json objectForKey: @"$null"] != nil) return [NSNull null];
+  if ((v = Tagged(json, @"$int")) != nil) return Integer(v);
+  if ((v = Tagged(json, @"$bool")) != nil) return [NSNumber numberWithBool: [v isEqual: @"true"]];
+  if ((v = Tagged(json, @"$real")) != nil) return [NSNumber numberWithDouble: strtod([v UTF8String], NULL)];
+  if ((v = Tagged(json, @"$date")) != nil)
+    return [NSDate dateWithTimeIntervalSinceReferenceDate: strtod([v UTF8String], NULL)];
+  if ((v = Tagged(json, @"$data")) != nil) return [NSData dataWithData: DataOfHex(v)];
+  if ((v = Tagged(json, @"$mdata")) != nil) return DataOfHex(v);
+  if ((v = Tagged(json, @"$mstring")) != nil) return [NSMutableString stringWithString: v];
+  if (Tagged(json, @"$null") != nil) return [NSNull null];
   PeerFail(@"cannot build %@", json);
   return nil;
 }
@@ -225,6 +123,7 @@ static NSNumber *NumberOf(NSNumber *n) {
 @end
 
 id PeerBuildGraph(id json) {
-  GraphBuilder *b = [[[GraphBuilder alloc] initWithRoot: json] autorelease];
+  GraphBuilder *b = [[GraphBuilder new] autorelease];
+  b->_built = [NSMutableDictionary dictionary];
   return [b build: json];
 }

@@ -1,6 +1,7 @@
-// gnustep-peer decode ARCHIVE            prints the JSON form of the archive's root object
-// gnustep-peer encode [--xml] GRAPH OUT  writes the object graph of a JSON form as a keyed archive
-//                                        (archivedDataWithRootObject:, binary unless --xml)
+// gnustep-peer decode ARCHIVE            prints the tagged JSON of the archive's root object, as a list
+//                                        of one item
+// gnustep-peer encode [--xml] GRAPH OUT  writes the object graph of a tagged JSON tree as a keyed
+//                                        archive (archivedDataWithRootObject:, binary unless --xml)
 // Exit status 0 on success; 1 with a message on stderr when the input cannot be read or built;
 // 2 for wrong arguments.
 #import "peer.h"
@@ -10,31 +11,33 @@
 static int Decode(NSString *path) {
   NSData *bytes = [NSData dataWithContentsOfFile: path];
   if (bytes == nil) PeerFail(@"cannot read %@", path);
-  // Non-secure decoding, as the client does; GNUstep would otherwise make every NSArray mutable.
+  // Non-secure decoding, as the client does.
   NSKeyedUnarchiver *u = [[[NSKeyedUnarchiver alloc] initForReadingWithData: bytes] autorelease];
   if (u == nil) PeerFail(@"not a keyed archive");
   [u setClass: [PeerArray class] forClassName: @"NSArray"];
   id root = [u decodeObjectForKey: @"root"];
   [u finishDecoding];
-  NSData *json = PeerDumpGraph(root);
+  NSData *json = [NSJSONSerialization dataWithJSONObject: [NSArray arrayWithObject: PeerDumpGraph(root)]
+                                                 options: 0
+                                                   error: NULL];
+  if (json == nil) PeerFail(@"cannot write the graph as JSON");
   fwrite([json bytes], 1, [json length], stdout);
   return fflush(stdout) == 0 ? 0 : 1;
 }
 
 static int Encode(NSString *graphPath, NSString *outPath, BOOL xml) {
   NSData *graph = [NSData dataWithContentsOfFile: graphPath];
-  if (graph == nil) PeerFail(@"cannot read %@", graphPath);
-  id root = PeerBuildGraph(PeerParseJSON(graph));
-  NSData *archive;
+  id json = graph ? [NSJSONSerialization JSONObjectWithData: graph options: 0 error: NULL] : nil;
+  if (json == nil) PeerFail(@"cannot read %@", graphPath);
+  id root = PeerBuildGraph(json);
+  NSMutableData *archive = [NSMutableData data];
   if (xml) {
-    NSMutableData *m = [NSMutableData data];
-    NSKeyedArchiver *a = [[[NSKeyedArchiver alloc] initForWritingWithMutableData: m] autorelease];
+    NSKeyedArchiver *a = [[[NSKeyedArchiver alloc] initForWritingWithMutableData: archive] autorelease];
     [a setOutputFormat: NSPropertyListXMLFormat_v1_0];
     [a encodeObject: root forKey: @"root"];
     [a finishEncoding];
-    archive = m;
   } else {
-    archive = [NSKeyedArchiver archivedDataWithRootObject: root];
+    [archive setData: [NSKeyedArchiver archivedDataWithRootObject: root]];
   }
   if (![archive writeToFile: outPath atomically: NO]) PeerFail(@"cannot write %@", outPath);
   return 0;

@@ -1,7 +1,24 @@
-// The client's copies of the reply records and the legacy sidebar item, written from their key tables.
-// Each class derives from NSObject or from MQImporterNode only, so that the "$classes" chains GNUstep
-// writes are the ones the client's classes have (["MQImporterNodeFolder", "MQImporterNode", "NSObject"]).
+// The client's copies of the reply records and the legacy sidebar item, archived from their key
+// lists. Each class derives from NSObject or from MQImporterNode only, so that the "$classes" chains
+// GNUstep writes are the client's (["MQImporterNodeFolder", "MQImporterNode", "NSObject"]).
 #import "peer.h"
+
+#include <string.h>
+
+// Own keys of each class in the order the client encodes them. "parent" is written in full.
+static const char *kOwnKeys[][2] = {
+    {"MQImporterNode", "identifier:o type:i ignore:b isRoot:b"},
+    {"MQImporterNodeFolder", "title:o children:o contentsType:i"},
+    {"MQImporterNodeTag", "tagCount:i tagName:o"},
+    {"MQImporterNodeLocation", "latitude:o longitude:o name:o"},
+    {"MQImporterNodeAlbum", "albumName:o items:o"},
+    {"MQImporterNodeFriend", "mediaCount:i added:o imageURL:o username:o uid:o"},
+    {"MQImporterNodeBlacklist", "uid:o username:o"},
+    {"MQImporterNodeStatistics", "path:o"},
+    {"MQImporterNodeResult", "account:o tags:o locations:o albums:o friends:o statistics:o ignore:b"},
+    {"MQImporterAccount", "uid:o imageURL:o username:o"},
+    {"OutlineFolderItem", "title:o identifier:o parent:o children:o type:o folder:b expanded:b level:i"},
+};
 
 void PeerFail(NSString *format, ...) {
   va_list ap;
@@ -11,11 +28,30 @@ void PeerFail(NSString *format, ...) {
   [NSException raise: NSInvalidArgumentException format: @"%@", msg];
 }
 
-static void EncodeKeys(NSCoder *coder, const PeerKey *keys, NSDictionary *values) {
-  for (; keys->key != NULL; keys++) {
-    NSString *key = [NSString stringWithUTF8String: keys->key];
-    id v = [values objectForKey: key];
-    switch (keys->kind) {
+NSArray *PeerKeys(Class cls) {
+  NSMutableArray *keys = [NSMutableArray array];
+  for (; cls != Nil; cls = [cls superclass]) {
+    for (unsigned i = 0; i < sizeof kOwnKeys / sizeof *kOwnKeys; i++) {
+      if (strcmp(kOwnKeys[i][0], [NSStringFromClass(cls) UTF8String]) != 0) continue;
+      NSArray *own = [[NSString stringWithUTF8String: kOwnKeys[i][1]] componentsSeparatedByString: @" "];
+      [keys replaceObjectsInRange: NSMakeRange(0, 0) withObjectsFromArray: own];
+    }
+  }
+  return keys;
+}
+
+id PeerValueOfKind(unichar kind, id v) {
+  if (kind == 'i') return [NSNumber numberWithLongLong: [v longLongValue]];
+  if (kind == 'b') return [NSNumber numberWithBool: [v boolValue]];
+  if (kind == 'd') return [NSNumber numberWithDouble: [v doubleValue]];
+  return v;
+}
+
+static void EncodeKeys(id record, NSCoder *coder) {
+  for (NSString *k in PeerKeys([record class])) {
+    NSString *key = PeerKeyName(k);
+    id v = [[record peerValues] objectForKey: key];
+    switch (PeerKeyKind(k)) {
       case 'o': [coder encodeObject: v forKey: key]; break;
       case 'i': [coder encodeInt64: (int64_t)[v longLongValue] forKey: key]; break;
       case 'b': [coder encodeBool: [v boolValue] forKey: key]; break;
@@ -24,136 +60,56 @@ static void EncodeKeys(NSCoder *coder, const PeerKey *keys, NSDictionary *values
   }
 }
 
-// An absent key reads as nil, 0 or NO, which the values then hold (nil by having no entry).
-static void DecodeKeys(NSCoder *coder, const PeerKey *keys, NSMutableDictionary *values) {
-  for (; keys->key != NULL; keys++) {
-    NSString *key = [NSString stringWithUTF8String: keys->key];
+// An absent key reads as nil, 0 or NO.
+static void DecodeKeys(id record, NSCoder *coder) {
+  for (NSString *k in PeerKeys([record class])) {
+    NSString *key = PeerKeyName(k);
     id v = nil;
-    switch (keys->kind) {
+    switch (PeerKeyKind(k)) {
       case 'o': v = [coder decodeObjectForKey: key]; break;
       case 'i': v = [NSNumber numberWithLongLong: (long long)[coder decodeInt64ForKey: key]]; break;
       case 'b': v = [NSNumber numberWithBool: [coder decodeBoolForKey: key]]; break;
       case 'd': v = [NSNumber numberWithDouble: [coder decodeDoubleForKey: key]]; break;
     }
-    if (v != nil) [values setObject: v forKey: key];
-    else [values removeObjectForKey: key];
+    if (v != nil) [[record peerValues] setObject: v forKey: key];
   }
 }
 
-NSArray *PeerKeysOfClass(Class cls) {
-  NSMutableArray *tables = [NSMutableArray array];
-  const PeerKey *last = NULL;
-  for (Class c = cls; c != Nil && [c respondsToSelector: @selector(peerOwnKeys)]; c = [c superclass]) {
-    const PeerKey *t = [(id)c peerOwnKeys];
-    if (t != last) [tables insertObject: [NSValue valueWithPointer: t] atIndex: 0];
-    last = t;
-  }
-  NSMutableArray *keys = [NSMutableArray array];
-  for (NSValue *v in tables) {
-    for (const PeerKey *k = [v pointerValue]; k->key != NULL; k++) {
-      [keys addObject: [NSString stringWithUTF8String: k->key]];
-    }
-  }
-  return keys;
-}
-
-char PeerKindOfKey(Class cls, NSString *key) {
-  const char *name = [key UTF8String];
-  for (Class c = cls; c != Nil && [c respondsToSelector: @selector(peerOwnKeys)]; c = [c superclass]) {
-    for (const PeerKey *k = [(id)c peerOwnKeys]; k->key != NULL; k++) {
-      if (strcmp(k->key, name) == 0) return k->kind;
-    }
-  }
-  return 0;
-}
-
-// A class at the top of a record family: plain creation, then its keys.
-#define PEER_ROOT_RECORD(NAME, TABLE)                                                    \
-  @implementation NAME                                                                   \
-  +(const PeerKey *)peerOwnKeys { return TABLE; }                                        \
-  -(id)init {                                                                            \
-    if ((self = [super init]) != nil) _values = [NSMutableDictionary new];               \
-    return self;                                                                         \
-  }                                                                                      \
-  -(void)dealloc {                                                                       \
-    [_values release];                                                                   \
-    [super dealloc];                                                                     \
-  }                                                                                      \
-  -(NSMutableDictionary *)peerValues { return _values; }                                 \
-  -(void)encodeWithCoder: (NSCoder *)coder { EncodeKeys(coder, TABLE, _values); }        \
-  -(id)initWithCoder: (NSCoder *)coder {                                                 \
-    if ((self = [self init]) != nil) DecodeKeys(coder, TABLE, _values);                  \
-    return self;                                                                         \
-  }                                                                                      \
+// A class at the top of a record family holds the values; its subclasses only add keys.
+#define PEER_ROOT_RECORD(NAME)                                                            \
+  @interface NAME : NSObject <NSCoding, PeerRecord> {                                     \
+    NSMutableDictionary *_values;                                                         \
+  }                                                                                       \
+  @end                                                                                    \
+  @implementation NAME                                                                    \
+  -(id)init {                                                                             \
+    if ((self = [super init]) != nil) _values = [NSMutableDictionary new];                \
+    return self;                                                                          \
+  }                                                                                       \
+  -(void)dealloc {                                                                        \
+    [_values release];                                                                    \
+    [super dealloc];                                                                      \
+  }                                                                                       \
+  -(NSMutableDictionary *)peerValues { return _values; }                                  \
+  -(void)encodeWithCoder: (NSCoder *)coder { EncodeKeys(self, coder); }                   \
+  -(id)initWithCoder: (NSCoder *)coder {                                                  \
+    if ((self = [self init]) != nil) DecodeKeys(self, coder);                             \
+    return self;                                                                          \
+  }                                                                                       \
   @end
+#define PEER_SUBCLASS_RECORD(NAME) @interface NAME : MQImporterNode @end @implementation NAME @end
 
-// A subclass: the superclass's keys first, then its own.
-#define PEER_SUBCLASS_RECORD(NAME, TABLE)                                                \
-  @implementation NAME                                                                   \
-  +(const PeerKey *)peerOwnKeys { return TABLE; }                                        \
-  -(void)encodeWithCoder: (NSCoder *)coder {                                             \
-    [super encodeWithCoder: coder];                                                      \
-    EncodeKeys(coder, TABLE, _values);                                                   \
-  }                                                                                      \
-  -(id)initWithCoder: (NSCoder *)coder {                                                 \
-    if ((self = [super initWithCoder: coder]) != nil) DecodeKeys(coder, TABLE, _values); \
-    return self;                                                                         \
-  }                                                                                      \
-  @end
-
-@interface MQImporterNode : NSObject <NSCoding, PeerRecord> {
- @protected
-  NSMutableDictionary *_values;
-}
-@end
-@interface MQImporterNodeFolder : MQImporterNode @end
-@interface MQImporterNodeTag : MQImporterNode @end
-@interface MQImporterNodeLocation : MQImporterNode @end
-@interface MQImporterNodeAlbum : MQImporterNode @end
-@interface MQImporterNodeFriend : MQImporterNode @end
-@interface MQImporterNodeBlacklist : MQImporterNode @end
-@interface MQImporterNodeStatistics : MQImporterNode @end
-@interface MQImporterNodeResult : NSObject <NSCoding, PeerRecord> {
-  NSMutableDictionary *_values;
-}
-@end
-@interface MQImporterAccount : NSObject <NSCoding, PeerRecord> {
-  NSMutableDictionary *_values;
-}
-@end
-@interface OutlineFolderItem : NSObject <NSCoding, PeerRecord> {
-  NSMutableDictionary *_values;
-}
-@end
-
-static const PeerKey kNodeKeys[] = {{"identifier", 'o'}, {"type", 'i'}, {"ignore", 'b'}, {"isRoot", 'b'}, {NULL, 0}};
-static const PeerKey kFolderKeys[] = {{"title", 'o'}, {"children", 'o'}, {"contentsType", 'i'}, {NULL, 0}};
-static const PeerKey kTagKeys[] = {{"tagCount", 'i'}, {"tagName", 'o'}, {NULL, 0}};
-static const PeerKey kLocationKeys[] = {{"latitude", 'o'}, {"longitude", 'o'}, {"name", 'o'}, {NULL, 0}};
-static const PeerKey kAlbumKeys[] = {{"albumName", 'o'}, {"items", 'o'}, {NULL, 0}};
-static const PeerKey kFriendKeys[] = {{"mediaCount", 'i'}, {"added", 'o'}, {"imageURL", 'o'},
-                                      {"username", 'o'},   {"uid", 'o'},   {NULL, 0}};
-static const PeerKey kBlacklistKeys[] = {{"uid", 'o'}, {"username", 'o'}, {NULL, 0}};
-static const PeerKey kStatisticsKeys[] = {{"path", 'o'}, {NULL, 0}};
-static const PeerKey kResultKeys[] = {{"account", 'o'}, {"tags", 'o'},       {"locations", 'o'}, {"albums", 'o'},
-                                      {"friends", 'o'}, {"statistics", 'o'}, {"ignore", 'b'},    {NULL, 0}};
-static const PeerKey kAccountKeys[] = {{"uid", 'o'}, {"imageURL", 'o'}, {"username", 'o'}, {NULL, 0}};
-// "parent" is written in full (encodeObject:, not encodeConditionalObject:).
-static const PeerKey kOutlineItemKeys[] = {{"title", 'o'},  {"identifier", 'o'}, {"parent", 'o'},
-                                           {"children", 'o'}, {"type", 'o'},     {"folder", 'b'},
-                                           {"expanded", 'b'}, {"level", 'i'},    {NULL, 0}};
-
-PEER_ROOT_RECORD(MQImporterNode, kNodeKeys)
-PEER_SUBCLASS_RECORD(MQImporterNodeFolder, kFolderKeys)
-PEER_SUBCLASS_RECORD(MQImporterNodeTag, kTagKeys)
-PEER_SUBCLASS_RECORD(MQImporterNodeLocation, kLocationKeys)
-PEER_SUBCLASS_RECORD(MQImporterNodeAlbum, kAlbumKeys)
-PEER_SUBCLASS_RECORD(MQImporterNodeFriend, kFriendKeys)
-PEER_SUBCLASS_RECORD(MQImporterNodeBlacklist, kBlacklistKeys)
-PEER_SUBCLASS_RECORD(MQImporterNodeStatistics, kStatisticsKeys)
-PEER_ROOT_RECORD(MQImporterNodeResult, kResultKeys)
-PEER_ROOT_RECORD(MQImporterAccount, kAccountKeys)
-PEER_ROOT_RECORD(OutlineFolderItem, kOutlineItemKeys)
+PEER_ROOT_RECORD(MQImporterNode)
+PEER_ROOT_RECORD(MQImporterNodeResult)
+PEER_ROOT_RECORD(MQImporterAccount)
+PEER_ROOT_RECORD(OutlineFolderItem)
+PEER_SUBCLASS_RECORD(MQImporterNodeFolder)
+PEER_SUBCLASS_RECORD(MQImporterNodeTag)
+PEER_SUBCLASS_RECORD(MQImporterNodeLocation)
+PEER_SUBCLASS_RECORD(MQImporterNodeAlbum)
+PEER_SUBCLASS_RECORD(MQImporterNodeFriend)
+PEER_SUBCLASS_RECORD(MQImporterNodeBlacklist)
+PEER_SUBCLASS_RECORD(MQImporterNodeStatistics)
 
 @implementation PeerArray
 - (id) initWithCoder: (NSCoder *)coder {
