@@ -462,7 +462,7 @@ TEST_F(Nodes, EntriesAreBuiltByTheirOwnTypeAndEveryContextKeepsItsOwnMessages) {
   // A category no builder knows: folders of no contents code, no unfiled entries and a log line.
   EXPECT_EQ(text(folderNode(*sidebar_root(), "tags", *ctx).get()), "Root#0[]");
   ctx->messages = nullptr;
-  for (const std::string unknown : {std::string("tags"), kTags + "X"})
+  for (const std::string& unknown : {std::string("tags"), kTags + "X"})
     EXPECT_EQ(outcome(*ctx, [&] { return nonFoldarizedItemsInCategory(unknown, *ctx, *model("1001")); }),
               "-[Invalid Node Type: " + unknown + "]");
   // Contexts sharing their lookups keep their own messages; none has a list before its first message.

@@ -32,8 +32,10 @@ TEST(Activation, FirstCallStartsTheServiceWhichLeavesWhenIdleAndTheNextCallStart
                        test::built_program("orvia4-importer").string() + "\" --idle-exit 1\n");
   test::PrivateBus bus({.service_dirs = {dir / "services"}, .environment = {{"HOME", (dir / "first").string()}}});
   ASSERT_FALSE(bus.name_has_owner(kBusName));
+  client::CallOptions options;
+  options.timeout = 30s;
   // No legacy installation: (NO, an empty sealed file), twice on one connection from the same instance.
-  client::CallOutcome outcome = client::find_importable_results({.timeout = 30s});
+  client::CallOutcome outcome = client::find_importable_results(options);
   ASSERT_EQ(outcome.status, client::CallStatus::Replied) << outcome.error << "\n" << bus.daemon_log();
   EXPECT_FALSE(outcome.success || outcome.archive);
   const auto pid = bus.name_owner_pid(kBusName);
@@ -56,7 +58,7 @@ TEST(Activation, FirstCallStartsTheServiceWhichLeavesWhenIdleAndTheNextCallStart
   ASSERT_TRUE(bus.wait_for_name(kBusName, false)) << "the service should leave after a second without calls";
   for (int i = 0; i < 1500 && ::kill(*pid, 0) == 0; ++i) std::this_thread::sleep_for(20ms);
   EXPECT_NE(::kill(*pid, 0), 0) << "the first instance has ended";
-  EXPECT_EQ(client::find_importable_results({.timeout = 30s}).status, client::CallStatus::Replied);
+  EXPECT_EQ(client::find_importable_results(options).status, client::CallStatus::Replied);
   EXPECT_TRUE(sees_home(bus.name_owner_pid(kBusName), dir / "second"));
 }
 

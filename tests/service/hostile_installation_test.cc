@@ -40,19 +40,6 @@ using R = Ref<Object>;
 constexpr auto kRunLimit = std::chrono::seconds(60);  // a hung import cannot be stopped: given up after this
 constexpr int kDeep = 100000;
 
-// Runs in a child process spawned by test::LockHolder: takes a lock and keeps it until stdin closes.
-TEST(LockHolder, DISABLED_Hold) {
-  const char* path = std::getenv("ORVIA_LOCK_DB");
-  const char* sql = std::getenv("ORVIA_LOCK_SQL");
-  if (!path || !sql) GTEST_SKIP();
-  test::TestDb db(path);
-  ASSERT_TRUE(db.exec(sql));
-  std::printf("ORVIA-LOCK-HELD\n");
-  std::fflush(stdout);
-  for (char buf[64]; ::read(0, buf, sizeof buf) > 0;) {
-  }
-}
-
 // ---- the healthy installation ---------------------------------------------------------------------------
 
 // Accounts 1001 (ann) and one without a user id; a sidebar that files a tag and a location; four albums

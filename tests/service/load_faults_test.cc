@@ -128,7 +128,9 @@ TEST(ServiceLoad, ClientsAtOnceThenAThousandInTurnAreEachAnsweredOnceWithOneArch
   // Requests are imported one after another on the main queue; at most the stores of the waiting ones are
   // being opened meanwhile. So the peak under load stays well within what twenty requests running side by
   // side would need; the slack covers thread stacks and per-thread malloc arenas.
-  if (kMemoryBoundsApply) EXPECT_LE(memory_of(*pid, "VmHWM"), start_peak + kClients * one_request + 8 * 1024);
+  if (kMemoryBoundsApply) {
+    EXPECT_LE(memory_of(*pid, "VmHWM"), start_peak + kClients * one_request + 8 * 1024);
+  }
 
   // Then a thousand in turn. Resident memory is read every 50 requests: the highest reading of requests 100
   // to 300 (the first ones settle the allocator's pools, SQLite's and ICU's caches and the class registries)
@@ -147,7 +149,9 @@ TEST(ServiceLoad, ClientsAtOnceThenAThousandInTurnAreEachAnsweredOnceWithOneArch
   EXPECT_EQ(same, 1000);
   EXPECT_EQ(bus.name_owner_pid(kBusName), pid) << "one instance serves the whole load";
   expect_every_call_answered_once(bus);
-  if (kMemoryBoundsApply) EXPECT_LE(final_kib, settled_kib + 1536) << "resident KiB, requests 100-300 against 800-1000";
+  if (kMemoryBoundsApply) {
+    EXPECT_LE(final_kib, settled_kib + 1536) << "resident KiB, requests 100-300 against 800-1000";
+  }
 }
 
 // A caller that sends the request on a connection of its own and closes it before the reply has come,

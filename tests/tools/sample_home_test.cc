@@ -292,7 +292,9 @@ TEST(SampleHome, TypicalHomeHoldsEveryPartAsTheOldClientLeftIt) {
       const std::string rest = identifier.substr(prefix.size());
       EXPECT_TRUE(type == kTags || type == kLocations || rest.rfind(uri, 0) == 0) << identifier;
       ++(known[type].second.count(rest) ? filed : unknown)[type];
-      if (type == kTags) EXPECT_EQ(text_field(*leaf, "title"), rest) << "a tag entry is titled by its tag";
+      if (type == kTags) {
+        EXPECT_EQ(text_field(*leaf, "title"), rest) << "a tag entry is titled by its tag";
+      }
     }
     if (shared) {
       // Most albums are filed, not all; a deleted album is still named.
@@ -402,13 +404,15 @@ TEST(SampleHome, ImageLayoutsHoldTheSameAlbums) {
               join ? "NULL" : columns);
     EXPECT_EQ(query(store, "SELECT count(*) FROM sqlite_master WHERE name IN ('Z_5IMAGES', 'Z_5IMAGES_Z_3IMAGES_INDEX')"), join ? "2" : "0");
     // Every item is in an album, and the entity column of the to-one names that album's own entity.
-    if (!join)
+    if (!join) {
       EXPECT_EQ(query(store, "SELECT count(*) FROM ZIMAGEITEM i LEFT JOIN ZIMAGELIST l ON l.Z_PK = i.ZLIST "
                              "WHERE l.Z_PK IS NULL OR i.Z5_LIST != l.Z_ENT"), "0");
+    }
     // Positions inside every album are 2048, 3072, ... without gaps or repeats.
-    if (std::string(layout) == "ordered")
+    if (std::string(layout) == "ordered") {
       EXPECT_EQ(query(store, "SELECT count(*) FROM (SELECT Z_FOK_LIST, row_number() OVER (PARTITION BY ZLIST ORDER BY "
                              "Z_FOK_LIST) AS n FROM ZIMAGEITEM) WHERE Z_FOK_LIST != (n + 1) * 1024"), "0");
+    }
     const std::string members = query(store, members_sql);
     EXPECT_EQ(split(members).size(), 250u);
     if (fk_members.empty()) fk_members = members;
