@@ -73,8 +73,8 @@ def main():
         total, direct, cached = (n(f"{size}.floor.{k}") for k in ("total", "write-archive", "write-archive-page-cache"))
         return None if None in (total, direct, cached) else total - direct + cached
 
-    out.append(f"Orvia4Importer end to end: profile {profile} (x1) and twice its size (x2), Release build, "
-               f"fastest of {v.get('runs', '1')} run(s)")
+    out.append(f"Orvia4Importer end to end: profile {profile} (x1) and twice its size (x2), release build "
+               f"(profile-guided), fastest of {v.get('runs', '1')} run(s)")
     out.append(f"Load average (1, 5, 15 min) on {v.get('cpus', '?')} cores: before {v.get('load_before', '?')}, "
                f"after {v.get('load_after', '?')}. Above the core count, other work shares the machine: "
                "do not read the figures as the program's own.")

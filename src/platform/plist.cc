@@ -263,7 +263,7 @@ Result<std::string> write_binary_plist(const Object* root) {
     }
   };
 
-  std::uint32_t top;
+  std::uint32_t top = 0;
   if (auto r = add(root, top); !r) return r.error();
   while (!stack.empty()) {
     Frame& f = stack.back();
@@ -284,7 +284,7 @@ Result<std::string> write_binary_plist(const Object* root) {
       stack.pop_back();
       continue;
     }
-    std::uint32_t ref;
+    std::uint32_t ref = 0;
     if (const Dictionary* d = as_dict(o)) {
       // Keys are strings; write key and value of one entry before moving on.
       const auto& e = d->entries()[f.next];
