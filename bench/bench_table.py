@@ -128,6 +128,16 @@ def main():
           verdict(ratio(n("x2.direct.cpu"), n("x1.direct.cpu")), 2.2, "lower"))
     t.row("x2/x1 bus client wall", "", fmt(ratio(n("x2.bus.wall"), n("x1.bus.wall")), "x"), "<= 2.2",
           verdict(ratio(n("x2.bus.wall"), n("x1.bus.wall")), 2.2, "lower"))
+    instructions = ratio(n("x2.instructions"), n("x1.instructions"))
+    if instructions is not None:
+        t.row("x2/x1 instructions executed (valgrind)", "", fmt(instructions, "x"), "<= 2.2",
+              verdict(instructions, 2.2, "lower"))
+        growers = [v[k].split(None, 2) for k in sorted(k for k in v if k.startswith("count.grower."))]
+        named = [f"{'functions without symbols' if g[2] == '???' else g[2]} {float(g[0]):.2f}x ({float(g[1]):.1f}% of x2)"
+                 for g in growers if len(g) == 3]
+        t.lines.append(f"    ({n('x1.instructions') / 1e9:.2f} and {n('x2.instructions') / 1e9:.2f} billion, same reply "
+                       f"bytes {v.get('x1.count.same_reply', '-')}/{v.get('x2.count.same_reply', '-')}; grew most beyond twice:")
+        t.lines.append("     " + (", ".join(named) or "none") + ")")
     for label, fn, target, better in [
         ("bus / direct wall", lambda s: ratio(n(f"{s}.bus.wall"), n(f"{s}.direct.wall")), 1.2, "lower"),
         ("--direct peak / (2 x archive + 150 MB)",

@@ -274,7 +274,9 @@ void media_passes(Stages& stages, const Ref<MQCoreDataWrapper>& store, RunOutcom
     FlatGraph graph;
     for (const Ref<ImageList>& album : *albums) {
       album->enumerateImages([&](const ImageItemRow& row) {
-        // As the album lists convert: into a graph where it can, into objects otherwise.
+        // As the album lists convert: into a graph where it can, into objects otherwise; each record
+        // into the graph emptied for it, as each of the lists' records goes into its own.
+        graph.clear();
         const std::string_view bytes = row.dictionary;
         FlatGraph::Node root;
         std::string unreadable;
