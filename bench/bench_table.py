@@ -168,15 +168,16 @@ def main():
         t.lines.append("  (time ratios above: of the fastest runs; \"(rounds)\": judged by the median of the same ratio "
                        "taken round by round, below)")
 
-    # The fastest runs of two measurements may come from different minutes; the same ratios taken
-    # within each round compare runs made one after the other.
     if rounds > 1:
+        def per_round(fn):
+            return sorted(r for r in (fn(i) for i in range(1, rounds + 1)) if r is not None)
+
         def median(fn):
-            values = [r for r in (fn(i) for i in range(1, rounds + 1)) if r is not None]
+            values = per_round(fn)
             return statistics.median(values) if values else None
 
         def spread(fn):
-            values = sorted(r for r in (fn(i) for i in range(1, rounds + 1)) if r is not None)
+            values = per_round(fn)
             if not values:
                 return "-"
             return f"{statistics.median(values):.2f}x [{values[0]:.2f}-{values[-1]:.2f}]"
@@ -195,8 +196,8 @@ def main():
                width=20)
         for label, key in [("x2/x1 --direct wall", "direct.wall"), ("x2/x1 --direct cpu", "direct.cpu"),
                            ("x2/x1 bus client wall", "bus.wall")]:
-            per_round = lambda i, key=key: ratio(rn("x2", i, key), rn("x1", i, key))
-            t.row(label, "", spread(per_round), "<= 2.2", judged(median(per_round), target=2.2), width=20)
+            x2_x1 = lambda i, key=key: ratio(rn("x2", i, key), rn("x1", i, key))
+            t.row(label, "", spread(x2_x1), "<= 2.2", judged(median(x2_x1), target=2.2), width=20)
         for label, a_key, b_key, target in [
             ("bus / direct wall", "bus.wall", "direct.wall", 1.2),
             ("--direct wall / floor", "direct.wall", "floor.total", 3.0),
