@@ -36,7 +36,7 @@ def main():
     print(f"x1.instructions {a_total}")
     print(f"x2.instructions {b_total}")
     # Only functions with a visible part of the work: a tiny one doubling its few calls says nothing.
-    growth = sorted(((b[k] - 2 * a[k], k) for k in a.keys() & b.keys() if b[k] >= b_total // 1000), reverse=True)
+    growth = sorted(((b[k] - 2 * a[k], k) for k in a.keys() & b.keys() if a[k] and b[k] >= b_total // 1000), reverse=True)
     for i, (excess, name) in enumerate(growth[:top], 1):
         if excess <= 0:
             break
