@@ -92,9 +92,9 @@ bool has_column(sqlite3* db, const std::string& table, const std::string& column
 bool read_store(const std::string& path, Totals& totals, std::uint64_t& albums, std::uint64_t& media) {
   sqlite3* raw = nullptr;
   const std::string uri = "file:" + path + "?mode=ro&immutable=1";
-  int rc = sqlite3_open_v2(uri.c_str(), &raw, SQLITE_OPEN_READONLY | SQLITE_OPEN_URI, nullptr);
+  int rc = sqlite3_open_v2(uri.c_str(), &raw, SQLITE_OPEN_READONLY | SQLITE_OPEN_URI | SQLITE_OPEN_NOMUTEX, nullptr);
   Db db(raw);
-  // The same page cache as the import's connection: the floor reads the rows as the import does.
+  // The same page cache and connection as the import's: the floor reads the rows as the import does.
   if (const std::string cache = orvia::store_page_cache_pragma(path); !cache.empty())
     sqlite3_exec(raw, cache.c_str(), nullptr, nullptr, nullptr);
   if (rc != SQLITE_OK) {
