@@ -15,7 +15,7 @@ namespace orvia {
 // the cache, and a larger store has more of them. With the default cache, a store twice as large took
 // 2.4 times the page reads (with this one, twice). A larger cache saves page reads but costs more than
 // it saves: a fiftieth of the store read a quarter fewer pages and took 2-3% more CPU time at twice the
-// heavy installation, the lookups in its larger tables missing the processor's caches.
+// heavy installation (measured; the bench notes tell what was ruled out as the cause).
 inline std::int64_t store_page_cache_kib(std::uintmax_t store_bytes) {
   return std::max<std::int64_t>(2000, static_cast<std::int64_t>(store_bytes / 1024 / 200));
 }
